@@ -1,0 +1,21 @@
+// Steering detector of the steered decoder: a band split at 1200 Hz and, per
+// band, two smoothed log-ratio signals (left/right and centre/surround).
+#pragma once
+
+#include "filters/second_order.h"
+#include "signal/processor.h"
+
+constexpr float kSteeringLeak = 0.1f;        // 0.10000000149011612
+constexpr float kSteeringSmoother = 7.95f;   // 7.949999809265137 Hz
+
+// Raw (unsmoothed) steering of one sample pair: x for left/right, y for
+// centre (sum) against surround (difference), each within +-ln 10.
+void SteeringPair(float l, float r, float& x, float& y);
+
+// HighBand = 1200 Hz high-pass of slots 0 and 1; LowBand = input - HighBand.
+void BandSplit(ProcessorBlock& block);
+
+// Detects x and y for every frame of the interleaved band, then smooths the
+// two arrays in place with the 7.95 Hz low-pass.
+void SteeringDetect(const ProcessorBlock& block, const float* band, FilterState& xState,
+                    FilterState& yState, float* x, float* y);
