@@ -1,0 +1,199 @@
+// The headphone convolver. Each ear is the sum of five convolutions, every
+// speaker reaching each ear through its own impulse response: the near table
+// to the ear on the speaker's side, the far table to the other, the centre
+// with one table per ear; LFE reaches neither ear.
+//
+// Overlap-add over 8192-frame blocks with 16384-point real transforms, so
+// the full linear convolution of a block with an 8192-sample table fits
+// without wrap-around. Frames are collected until a block is whole and then
+// handed out 8192 at once, so a write mostly returns no frames and now and
+// then 8192. The ten products are transformed back one by one and summed in
+// the time domain. The overlap scale is 1/8192, not 1/16384, which makes the
+// ears twice the convolution; the ear scale of 0.354 then takes them to 0.708
+// of it. Both scalings stay separate steps.
+#include "encoders/headphone_convolver.h"
+
+#include <fftw3.h>
+
+#include <cstring>
+
+#include "encoders/impulse_tables.h"
+#include "signal/engine_state.h"
+#include "signal/frame.h"
+
+namespace {
+
+constexpr float kOverlapScale = 0.0001220703125f;  // 2^-13, exact
+constexpr float kEarScale = 0.354f;                // 0.3540000021457672
+constexpr int kSpeakers = 5;                       // L, R, C, SL, SR
+constexpr int kProducts = 10;
+constexpr uint32_t kPaddingFloats = kSpectrumFloats - kBlockFrames;  // 8194
+
+// The FFT plans live as long as the engine. The impulse plan is overwritten
+// for each of the six tables; the first five handles are dropped, never
+// destroyed, on purpose.
+fftwf_plan ImpulsePlan;
+fftwf_plan InputPlan[kSpeakers];
+fftwf_plan ProductPlan[kProducts];
+
+// Per speaker: its frame slot and the two tables of its product pair
+// (even product = near table, or centre-left; odd = far, or centre-right).
+struct SpeakerRoute {
+    uint32_t slot;
+    int firstTable;
+    int secondTable;
+};
+constexpr SpeakerRoute kRoutes[kSpeakers] = {
+    {kSlotL, ImpulseFrontNear, ImpulseFrontFar},        // products 0 (left ear), 1 (right)
+    {kSlotR, ImpulseFrontNear, ImpulseFrontFar},        // 2 (right ear), 3 (left)
+    {kSlotC, ImpulseCentreLeft, ImpulseCentreRight},    // 4 (left ear), 5 (right)
+    {kSlotSL, ImpulseSurroundNear, ImpulseSurroundFar}, // 6 (left ear), 7 (right)
+    {kSlotSR, ImpulseSurroundNear, ImpulseSurroundFar}, // 8 (right ear), 9 (left)
+};
+
+fftwf_plan ForwardPlan(SampleBlock& block)
+{
+    return fftwf_plan_dft_r2c_1d(int(kTransformLength), block.data,
+                                 reinterpret_cast<fftwf_complex*>(block.data), FFTW_MEASURE);
+}
+
+fftwf_plan InversePlan(SampleBlock& block)
+{
+    return fftwf_plan_dft_c2r_1d(int(kTransformLength), reinterpret_cast<fftwf_complex*>(block.data),
+                                 block.data, FFTW_MEASURE);
+}
+
+// Collects `count` frames starting at `frames` into the five input blocks at
+// float `at`, each speaker times its switch.
+void Collect(const ProcessorBlock& block, const float* frames, uint32_t count, uint32_t at)
+{
+    float* inputs[kSpeakers];
+    for (int s = 0; s < kSpeakers; ++s)
+        inputs[s] = EngineState.InputBlock[s].data + at;
+    const int32_t switches[kSpeakers] = {block.L, block.R, block.C, block.SL, block.SR};
+    const float* f = frames;
+    for (uint32_t m = 0; m < count; ++m, f += kFrameFloats)
+        for (int s = 0; s < kSpeakers; ++s)
+            inputs[s][m] = float(switches[s]) * f[kRoutes[s].slot];
+}
+
+// Plain complex product of a spectrum with a table's spectrum, all bins.
+void MultiplySpectra(const float* x, const float* a, float* out)
+{
+    for (uint32_t k = 0; k < kSpectrumFloats; k += 2) {
+        const float re = x[k] * a[k] - x[k + 1] * a[k + 1];
+        const float im = x[k] * a[k + 1] + x[k + 1] * a[k];
+        out[k] = re;
+        out[k + 1] = im;
+    }
+}
+
+// One whole block of collected input: transforms, products, overlap-add into
+// `ears` (16384 floats, ears interleaved).
+void ConvolveBlock(float* ears)
+{
+    for (int s = 0; s < kSpeakers; ++s)
+        std::memset(EngineState.InputBlock[s].data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
+    for (int s = 0; s < kSpeakers; ++s)
+        fftwf_execute(InputPlan[s]);
+    for (int s = 0; s < kSpeakers; ++s) {
+        const int p = 2 * s;
+        const float* x = EngineState.InputBlock[s].data;
+        MultiplySpectra(x, EngineState.ImpulseSpectrum[kRoutes[s].firstTable].data,
+                        EngineState.ProductBlock[p].data);
+        MultiplySpectra(x, EngineState.ImpulseSpectrum[kRoutes[s].secondTable].data,
+                        EngineState.ProductBlock[p + 1].data);
+        fftwf_execute(ProductPlan[p]);
+        fftwf_execute(ProductPlan[p + 1]);
+    }
+
+    const float* P[kProducts];
+    for (int p = 0; p < kProducts; ++p)
+        P[p] = EngineState.ProductBlock[p].data;
+    float* overlap = EngineState.OverlapBlock.data;
+    for (uint32_t i = 0; i < kBlockFrames; ++i) {
+        const uint32_t j = i + kBlockFrames;
+        // Left ear: products 0, 3, 4, 6, 9. Right ear: 1, 2, 5, 7, 8. The sum
+        // is scaled once, after its five terms.
+        ears[2 * i] = (P[0][i] + P[3][i] + P[4][i] + P[6][i] + P[9][i]) * kOverlapScale +
+                      ears[2 * i] + overlap[2 * i];
+        ears[2 * i + 1] = (P[1][i] + P[2][i] + P[5][i] + P[7][i] + P[8][i]) * kOverlapScale +
+                          ears[2 * i + 1] + overlap[2 * i + 1];
+        overlap[2 * i] = (P[0][j] + P[3][j] + P[4][j] + P[6][j] + P[9][j]) * kOverlapScale;
+        overlap[2 * i + 1] = (P[1][j] + P[2][j] + P[5][j] + P[7][j] + P[8][j]) * kOverlapScale;
+    }
+}
+
+}  // namespace
+
+void BuildHeadphoneConvolver(EngineStateRecord& engine)
+{
+    // The planner may scribble on its array, so every array is filled after
+    // its plan exists.
+    for (int t = 0; t < kImpulseTableCount; ++t)
+        engine.ImpulseSpectrum[t].Resize(kSpectrumFloats, false);
+    for (int t = 0; t < kImpulseTableCount; ++t) {
+        SampleBlock& spectrum = engine.ImpulseSpectrum[t];
+        ImpulsePlan = ForwardPlan(spectrum);
+        CopyImpulseTable(t, spectrum.data);
+        std::memset(spectrum.data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
+        fftwf_execute(ImpulsePlan);
+    }
+    for (int s = 0; s < kSpeakers; ++s)
+        engine.InputBlock[s].Resize(kSpectrumFloats, false);
+    for (int s = 0; s < kSpeakers; ++s)
+        InputPlan[s] = ForwardPlan(engine.InputBlock[s]);
+    for (int p = 0; p < kProducts; ++p)
+        engine.ProductBlock[p].Resize(kSpectrumFloats, false);
+    for (int p = 0; p < kProducts; ++p)
+        ProductPlan[p] = InversePlan(engine.ProductBlock[p]);
+    engine.OverlapBlock.Resize(kTransformLength, true);
+    engine.Pending_Frames = 0;
+}
+
+void DestroyHeadphonePlans()
+{
+    for (int s = 0; s < kSpeakers; ++s)
+        fftwf_destroy_plan(InputPlan[s]);
+    fftwf_destroy_plan(ImpulsePlan);
+    for (int p = 0; p < kProducts; ++p)
+        fftwf_destroy_plan(ProductPlan[p]);
+}
+
+void ConvolveHeadphone(ProcessorBlock& block)
+{
+    const uint32_t n = block.Frames;
+    const uint32_t blocks = (n + EngineState.Pending_Frames) >> 13;
+    uint32_t r = 0;
+
+    float* ears = EngineState.EarBlock.Resize(blocks * kTransformLength, true);
+    for (uint32_t j = 0; j < blocks; ++j) {
+        const uint32_t c = kBlockFrames - EngineState.Pending_Frames;
+        Collect(block, block.Block->data + std::size_t(r) * kFrameFloats, c,
+                EngineState.Pending_Frames);
+        r += c;
+        EngineState.Pending_Frames = 0;
+        ConvolveBlock(ears + std::size_t(j) * kTransformLength);
+    }
+
+    // The frames behind the last whole block wait for the next call.
+    const uint32_t rest = n - r;
+    Collect(block, block.Block->data + std::size_t(r) * kFrameFloats, rest,
+            EngineState.Pending_Frames);
+    EngineState.Pending_Frames += rest;
+
+    if (blocks == 0) {
+        block.Frames = 0;
+        return;
+    }
+    block.Frames = blocks * kBlockFrames;
+    float* f = block.Block->Resize(kFrameFloats * block.Frames, false);
+    for (uint32_t i = 0; i < block.Frames; ++i, f += kFrameFloats) {
+        f[kSlotL] = ears[2 * i] * kEarScale;
+        f[kSlotR] = ears[2 * i + 1] * kEarScale;
+        f[kSlotC] = 0.0f;
+        f[kSlotLFE] = 0.0f;
+        f[kSlotSL] = 0.0f;
+        f[kSlotSR] = 0.0f;
+    }
+}
