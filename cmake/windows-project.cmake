@@ -20,9 +20,15 @@ if(NOT EXISTS ${KELVANE_FFTW_PREFIX}/lib/libfftw3f.a)
   endif()
 endif()
 
+# The resource compiler, for the dialog, bitmap and version of the DLL.
+enable_language(RC)
+
 # The tests of this build run under Wine and are registered at the top of the
 # build tree, so that 'ctest --preset ...' finds them.
 enable_testing()
 
-cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR}
-  CALL include ${CMAKE_CURRENT_LIST_DIR}/windows-plugin.cmake)
+# Arguments of a deferred call are expanded when it runs, so the path is
+# fixed now.
+cmake_language(EVAL CODE "
+  cmake_language(DEFER DIRECTORY [[${CMAKE_SOURCE_DIR}]]
+    CALL include [[${CMAKE_CURRENT_LIST_DIR}/windows-plugin.cmake]])")
