@@ -1,0 +1,101 @@
+// Settings store. Defaults apply value by value, so a key that holds only some
+// values keeps the others at their defaults, and a key that cannot be opened
+// gives all defaults without a word. Nothing is range-checked: a Mode of 9 or
+// an Out_Bits of 20 stands in the record as read. Negative trims are stored as
+// the two's complement of the 32-bit word.
+#include "settings/settings_store.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "platform/platform.h"
+#include "settings/wide_text.h"
+#include "signal/processor.h"
+
+static const WCHAR kSettingsKey[] = KELVANE_TEXT("SOFTWARE\\Morrowfen\\Kelvane");
+static const WCHAR kOutPlugName[] = KELVANE_TEXT("Out_Plug");
+static const WCHAR kOutPlugDefault[] = KELVANE_TEXT("out_ds.dll");
+
+constexpr DWORD kOutPlugQueryBytes = 510;  // 0x1FE: at most 255 wide characters with the terminator
+constexpr uint32_t kOutPlugBound = 255;    // characters copied, terminator included
+constexpr DWORD kNumberBytes = 4;
+
+struct NumberValue {
+    const WCHAR* name;
+    int32_t ProcessorSettingsRecord::*field;
+    int32_t fallback;  // the default
+};
+
+// The sixteen number values in the order of the record.
+static const NumberValue kNumberValues[] = {
+    {KELVANE_TEXT("Mode"), &ProcessorSettingsRecord::Mode, 3},
+    {KELVANE_TEXT("Out_Bits"), &ProcessorSettingsRecord::Out_Bits, 16},
+    {KELVANE_TEXT("Surround_Delay"), &ProcessorSettingsRecord::Surround_Delay, 10},
+    {KELVANE_TEXT("Centre_Width"), &ProcessorSettingsRecord::Centre_Width, 0},
+    {KELVANE_TEXT("Centre_Trim"), &ProcessorSettingsRecord::Centre_Trim, 0},
+    {KELVANE_TEXT("Surround_Trim_00"), &ProcessorSettingsRecord::Surround_Trim_00, 0},
+    {KELVANE_TEXT("Bass_Redir"), &ProcessorSettingsRecord::Bass_Redir, 120},
+    {KELVANE_TEXT("Bass_Redir_Enable"), &ProcessorSettingsRecord::Bass_Redir_Enable, 0},
+    {KELVANE_TEXT("Bass_Trim"), &ProcessorSettingsRecord::Bass_Trim, 0},
+    {KELVANE_TEXT("Bass_Invert"), &ProcessorSettingsRecord::Bass_Invert, 0},
+    {KELVANE_TEXT("Virtual_C"), &ProcessorSettingsRecord::Virtual_C, 0},
+    {KELVANE_TEXT("L"), &ProcessorSettingsRecord::L, 1},
+    {KELVANE_TEXT("R"), &ProcessorSettingsRecord::R, 1},
+    {KELVANE_TEXT("C"), &ProcessorSettingsRecord::C, 1},
+    {KELVANE_TEXT("SL"), &ProcessorSettingsRecord::SL, 1},
+    {KELVANE_TEXT("SR"), &ProcessorSettingsRecord::SR, 1},
+};
+
+void LoadSettings()
+{
+    // The result is not looked at: a key that did not open makes every query
+    // below fail, and so gives every default.
+    HKEY key = nullptr;
+    RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSettingsKey, 0, KEY_QUERY_VALUE, &key);
+
+    WCHAR path[kOutPlugChars] = {};
+    DWORD bytes = kOutPlugQueryBytes;
+    const LSTATUS pathStatus =
+        RegQueryValueExW(key, kOutPlugName, nullptr, nullptr, reinterpret_cast<LPBYTE>(path), &bytes);
+    WideCopyBounded(ProcessorSettings.Out_Plug, pathStatus == ERROR_SUCCESS ? path : kOutPlugDefault,
+                    kOutPlugBound);
+
+    // The byte count is set once and stays in force for all sixteen queries,
+    // as the platform leaves it after each. The buffer is large enough for any
+    // count that a failed query can leave behind, clamped to its size so that
+    // a read never runs past it; a number is the first four bytes read.
+    alignas(4) BYTE value[kOutPlugQueryBytes + 2] = {};
+    bytes = kNumberBytes;
+    for (const NumberValue& number : kNumberValues) {
+        if (bytes > sizeof value)
+            bytes = sizeof value;
+        if (RegQueryValueExW(key, number.name, nullptr, nullptr, value, &bytes) == ERROR_SUCCESS) {
+            uint32_t word;
+            std::memcpy(&word, value, sizeof word);
+            ProcessorSettings.*number.field = int32_t(word);
+        } else {
+            ProcessorSettings.*number.field = number.fallback;
+        }
+    }
+    RegCloseKey(key);
+}
+
+void SaveSettings()
+{
+    static WCHAR emptyClass[] = KELVANE_TEXT("");
+    HKEY key = nullptr;
+    DWORD disposition = 0;
+    RegCreateKeyExW(HKEY_LOCAL_MACHINE, kSettingsKey, 0, emptyClass, REG_OPTION_NON_VOLATILE, KEY_WRITE, nullptr,
+                    &key, &disposition);
+    // The terminator is stored with the text.
+    const DWORD pathBytes = 2 * WideLength(ProcessorSettings.Out_Plug) + 2;
+    RegSetValueExW(key, kOutPlugName, 0, REG_SZ, reinterpret_cast<const BYTE*>(ProcessorSettings.Out_Plug),
+                   pathBytes);
+    for (const NumberValue& number : kNumberValues) {
+        const uint32_t word = uint32_t(ProcessorSettings.*number.field);
+        BYTE data[kNumberBytes];
+        std::memcpy(data, &word, sizeof data);
+        RegSetValueExW(key, number.name, 0, REG_DWORD, data, kNumberBytes);
+    }
+    RegCloseKey(key);
+}

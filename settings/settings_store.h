@@ -1,0 +1,10 @@
+// The registry mirror of ProcessorSettings: one key, seventeen values, each
+// named after its field. Read at Init and at the dialog's Cancel, written at
+// the dialog's OK. Every failure is silent.
+#pragma once
+
+// Fills ProcessorSettings from the key, value by value; a value that cannot
+// be read takes its default. Interface thread.
+void LoadSettings();
+// Writes all seventeen values, creating the key when missing. Interface thread.
+void SaveSettings();
