@@ -6,14 +6,15 @@
 find_program(KELVANE_HOST_CXX NAMES c++ g++ clang++ REQUIRED)
 set(KELVANE_HOST_TOOLS ${CMAKE_BINARY_DIR}/host-tools)
 
-# kelvane_host_tool(NAME SOURCE): compiles SOURCE into ${KELVANE_HOST_TOOLS}/NAME.
-function(kelvane_host_tool name source)
+# kelvane_host_tool(NAME SOURCE...): compiles the sources into
+# ${KELVANE_HOST_TOOLS}/NAME.
+function(kelvane_host_tool name)
   add_custom_command(
     OUTPUT ${KELVANE_HOST_TOOLS}/${name}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${KELVANE_HOST_TOOLS}
     COMMAND ${KELVANE_HOST_CXX} -std=c++20 -O1 -Wall -Wextra -I${CMAKE_SOURCE_DIR}
-            -o ${KELVANE_HOST_TOOLS}/${name} ${source}
-    DEPENDS ${source}
+            -o ${KELVANE_HOST_TOOLS}/${name} ${ARGN}
+    DEPENDS ${ARGN}
     COMMENT "Building the build-machine tool ${name}")
 endfunction()
 
