@@ -1,0 +1,35 @@
+// Peak and RMS levels per channel, over a whole file and over windows of
+// time for the level picture. Full scale is 1.0; levels in dBFS are
+// 20 log10 of the linear figure, so a full-scale sine reads -3 dB RMS.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct ChannelLevels {
+    int channels;                       // channels measured
+    uint64_t frames;                    // frames seen
+    std::vector<double> peak;           // largest magnitude per channel
+    std::vector<double> sum_square;     // sum of squares per channel
+    uint32_t window_frames;             // frames per window, 0 for no windows
+    std::vector<double> window_square;  // sum of squares per window and channel, window-major
+};
+
+void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames);
+
+// Adds one frame of `channels` samples.
+void AddLevelFrame(ChannelLevels& levels, const double* samples);
+
+// 20 log10 of a linear level; -infinity for 0.
+double LevelDb(double linear);
+
+double PeakDb(const ChannelLevels& levels, int channel);
+double RmsDb(const ChannelLevels& levels, int channel);
+
+// Number of windows begun, and the RMS level of one in dBFS.
+size_t WindowCount(const ChannelLevels& levels);
+double WindowRmsDb(const ChannelLevels& levels, size_t window, int channel);
+
+// "-12.3" or "-inf", right-aligned in `width` characters.
+std::string FormatDb(double db, int width);
