@@ -1,0 +1,33 @@
+#include "tests/shell/recording_log.h"
+
+std::vector<RecordedCall>& RecordedCalls()
+{
+    // Never destroyed: the recorders' unload reports come at process exit,
+    // after the static objects of this library would be gone.
+    static auto* calls = new std::vector<RecordedCall>;
+    return *calls;
+}
+
+RecorderReplies& Replies()
+{
+    static auto* replies = new RecorderReplies;
+    return *replies;
+}
+
+void Record(const char* library, const char* function, std::vector<int64_t> args, const uint8_t* bytes, size_t count)
+{
+    RecordedCall call{library, function, std::move(args), {}};
+    if (bytes != nullptr)
+        call.bytes.assign(bytes, bytes + count);
+    RecordedCalls().push_back(std::move(call));
+}
+
+std::vector<RecordedCall> CallsOf(const std::string& library, const std::string& function)
+{
+    std::vector<RecordedCall> found;
+    for (const RecordedCall& call : RecordedCalls()) {
+        if (call.library == library && call.function == function)
+            found.push_back(call);
+    }
+    return found;
+}

@@ -1,0 +1,70 @@
+// An output plug-in that plays nothing and records everything it is given,
+// built twice under two names, so that the tests can chain it and switch
+// between two of them.
+#include "tests/shell/host_record.h"
+#include "tests/shell/recording_log.h"
+
+#ifndef RECORDER_NAME
+#error "RECORDER_NAME names the recorder"
+#endif
+
+namespace {
+
+host::OutModule Module;
+
+void Config(host::Window* parent) { Record(RECORDER_NAME, "Config", {int64_t(intptr_t(parent))}); }
+void About(host::Window* parent) { Record(RECORDER_NAME, "About", {int64_t(intptr_t(parent))}); }
+void Init() { Record(RECORDER_NAME, "Init", {}); }
+void Quit() { Record(RECORDER_NAME, "Quit", {}); }
+
+int Open(int samplerate, int numchannels, int bitspersamp, int bufferlenms, int prebufferms)
+{
+    Record(RECORDER_NAME, "Open", {samplerate, numchannels, bitspersamp, bufferlenms, prebufferms});
+    return Replies().open;
+}
+
+void Close() { Record(RECORDER_NAME, "Close", {}); }
+
+int Write(char* buf, int len)
+{
+    Record(RECORDER_NAME, "Write", {len, buf == nullptr ? 1 : 0}, reinterpret_cast<const uint8_t*>(buf),
+           buf == nullptr || len < 0 ? 0 : size_t(len));
+    return Replies().write;
+}
+
+int CanWrite() { Record(RECORDER_NAME, "CanWrite", {}); return Replies().canWrite; }
+int IsPlaying() { Record(RECORDER_NAME, "IsPlaying", {}); return Replies().isPlaying; }
+int Pause(int pause) { Record(RECORDER_NAME, "Pause", {pause}); return Replies().pause; }
+void SetVolume(int volume) { Record(RECORDER_NAME, "SetVolume", {volume}); }
+void SetPan(int pan) { Record(RECORDER_NAME, "SetPan", {pan}); }
+void Flush(int t) { Record(RECORDER_NAME, "Flush", {t}); }
+int GetOutputTime() { Record(RECORDER_NAME, "GetOutputTime", {}); return Replies().outputTime; }
+int GetWrittenTime() { Record(RECORDER_NAME, "GetWrittenTime", {}); return Replies().writtenTime; }
+
+__attribute__((constructor)) void Loaded() { Record(RECORDER_NAME, "load", {}); }
+__attribute__((destructor)) void Unloaded() { Record(RECORDER_NAME, "unload", {}); }
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) host::OutModule* winampGetOutModule()
+{
+    Module.version = 0x10;
+    Module.description = "Recording output " RECORDER_NAME;
+    Module.id = RECORDER_ID;
+    Module.Config = &Config;
+    Module.About = &About;
+    Module.Init = &Init;
+    Module.Quit = &Quit;
+    Module.Open = &Open;
+    Module.Close = &Close;
+    Module.Write = &Write;
+    Module.CanWrite = &CanWrite;
+    Module.IsPlaying = &IsPlaying;
+    Module.Pause = &Pause;
+    Module.SetVolume = &SetVolume;
+    Module.SetPan = &SetPan;
+    Module.Flush = &Flush;
+    Module.GetOutputTime = &GetOutputTime;
+    Module.GetWrittenTime = &GetWrittenTime;
+    return &Module;
+}
