@@ -11,6 +11,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -19,6 +20,11 @@
 #include "signal/engine_state.h"
 #include "signal/pcm_conversion.h"
 #include "signal/processor.h"
+
+#if defined(__unix__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
 
 namespace {
 
@@ -199,7 +205,7 @@ TEST_F(PcmConversion, Bypass16_FullScaleSamplesLeaveAs19691)
 // ---------------------------------------------------------------------------
 // Source depths
 
-TEST_F(PcmConversion, Input8_BytesZeroOneMidAndTopGiveDocumentedFloats)
+TEST_F(PcmConversion, Input8_ByteZeroIsSilenceAndOneIsAlmostFullNegative)
 {
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = {0, 1, 128, 255, 2, 129};
@@ -488,6 +494,72 @@ TEST_F(PcmConversion, RunOn24BitFiveChannels_FramesReplacedByWhatLiesBehindTheSo
             EXPECT_EQ(OutputSample(24, i, s), 0) << "frame " << i << " slot " << s;
         }
 }
+
+// ---------------------------------------------------------------------------
+// Reads stay within the host's buffer
+
+#if defined(__unix__)
+// The source bytes placed so that they end exactly where a page begins that
+// may not be read: a fetch behind the buffer ends the process.
+class GuardedSource {
+public:
+    explicit GuardedSource(const std::vector<uint8_t>& bytes)
+    {
+        page_ = std::size_t(sysconf(_SC_PAGESIZE));
+        const std::size_t dataPages = (bytes.size() + page_ - 1) / page_ + 1;
+        total_ = (dataPages + 1) * page_;
+        void* map = mmap(nullptr, total_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        base_ = map == MAP_FAILED ? nullptr : static_cast<uint8_t*>(map);
+        if (base_ == nullptr)
+            return;
+        mprotect(base_ + dataPages * page_, page_, PROT_NONE);
+        start_ = base_ + dataPages * page_ - bytes.size();
+        std::memcpy(start_, bytes.data(), bytes.size());
+    }
+    ~GuardedSource()
+    {
+        if (base_ != nullptr)
+            munmap(base_, total_);
+    }
+    GuardedSource(const GuardedSource&) = delete;
+    GuardedSource& operator=(const GuardedSource&) = delete;
+
+    const uint8_t* data() const { return start_; }
+    bool ok() const { return base_ != nullptr; }
+
+private:
+    std::size_t page_ = 0;
+    std::size_t total_ = 0;
+    uint8_t* base_ = nullptr;
+    uint8_t* start_ = nullptr;
+};
+
+TEST_F(PcmConversion, Reads_NeverLeaveTheHostBuffer)
+{
+    // Every depth and channel count, the two run-on passes and the last
+    // 24-bit sample among them, with the buffer's end against a guard page.
+    auto convertAll = [] {
+        for (uint32_t bits : {8u, 16u, 24u, 32u}) {
+            for (uint32_t channels = 1; channels <= 7; ++channels) {
+                const uint32_t frameCount = 37;
+                std::vector<uint8_t> bytes(std::size_t(frameCount) * channels * (bits / 8));
+                for (std::size_t i = 0; i < bytes.size(); ++i)
+                    bytes[i] = uint8_t(i * 29 + 7);
+                GuardedSource source(bytes);
+                if (!source.ok())
+                    std::exit(2);
+                SetSettings(kHeadphoneMode);
+                uint32_t frames = frameCount;
+                ConvertAndProcess(Stream(channels, bits, kRawRate, 16), source.data(), frames);
+                if (frames != frameCount)
+                    std::exit(3);
+            }
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(convertAll(), ::testing::ExitedWithCode(0), "");
+}
+#endif
 
 // ---------------------------------------------------------------------------
 // Output word sizes
