@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tools/render/pcm_source.h"
@@ -70,6 +71,10 @@ bool CreatePending(const std::string& final_path, PendingFile& pending, std::str
         error = "cannot write " + final_path + ": " + std::strerror(errno);
         return false;
     }
+    // mkstemp makes the file private; the output gets the usual permissions.
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(descriptor, 0666 & ~mask);
     pending.final_path = final_path;
     pending.temporary_path = name.data();
     pending.file = fdopen(descriptor, "w+b");
