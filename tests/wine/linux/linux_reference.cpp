@@ -98,28 +98,28 @@ int main(int argc, char** argv)
     int passed = 0;
     int failed = 0;
     for (const Scenario& s : MakeScenarios()) {
-        const std::vector<uint8_t> linux = Render(s);
+        const std::vector<uint8_t> native = Render(s);
         std::vector<uint8_t> wine;
         if (!ReadFile(dir + "/" + s.name + ".pcm", wine)) {
             std::printf("FAIL %s: no output of the DLL\n", s.name.c_str());
             ++failed;
             continue;
         }
-        if (wine.size() != linux.size()) {
+        if (wine.size() != native.size()) {
             std::printf("FAIL %s: %zu bytes from the DLL, %zu from the Linux build\n", s.name.c_str(), wine.size(),
-                        linux.size());
+                        native.size());
             ++failed;
             continue;
         }
         const int bits = s.settings[1];
         const bool exact = s.settings[0] != 4;
         if (exact) {
-            if (std::memcmp(wine.data(), linux.data(), wine.size()) == 0) {
+            if (std::memcmp(wine.data(), native.data(), wine.size()) == 0) {
                 std::printf("PASS %s: %zu bytes, bit for bit\n", s.name.c_str(), wine.size());
                 ++passed;
             } else {
                 size_t first = 0;
-                while (wine[first] == linux[first])
+                while (wine[first] == native[first])
                     ++first;
                 std::printf("FAIL %s: first difference at byte %zu of %zu\n", s.name.c_str(), first, wine.size());
                 ++failed;
@@ -135,7 +135,7 @@ int main(int argc, char** argv)
         int64_t largest = 0;
         const size_t words = wine.size() / static_cast<size_t>(bits / 8);
         for (size_t i = 0; i < words; ++i) {
-            int64_t d = Word(wine, i, bits) - Word(linux, i, bits);
+            int64_t d = Word(wine, i, bits) - Word(native, i, bits);
             d = ((d % modulus) + modulus) % modulus;
             d = std::min(d, modulus - d);
             largest = std::max(largest, d);
