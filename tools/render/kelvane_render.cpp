@@ -174,6 +174,14 @@ int Run(const RenderOptions& options, const std::string& work_folder, PluginSess
              ": file not found (give --out-wav PATH)");
         return kExitFailure;
     }
+    // The processor only says that it failed to open its output; find out
+    // here whether the writer is one, and say why not.
+    PluginSession probe{};
+    if (!LoadPlugin(writer, probe, error)) {
+        Fail(error);
+        return kExitFailure;
+    }
+    UnloadPlugin(probe);
     if (WideLength(writer) > kOutPlugMaxChars) {
         Fail("the path of out_wav.so is longer than the processor takes (" + std::to_string(kOutPlugMaxChars) +
              " characters): " + writer);
