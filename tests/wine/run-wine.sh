@@ -38,8 +38,12 @@ start)
     exit 1
   fi
   export DISPLAY=:$(head -n 1 "$state/display")
-  wineboot -u > "$state/wineboot.log" 2>&1 || { cat "$state/wineboot.log" >&2; exit 1; }
-  wineserver -w
+  # A new prefix takes about half a minute; one kept from an earlier run is
+  # used as it is.
+  if [[ ! -f $WINEPREFIX/system.reg ]]; then
+    wineboot -u > "$state/wineboot.log" 2>&1 || { cat "$state/wineboot.log" >&2; exit 1; }
+    wineserver -w
+  fi
   echo "Wine prefix $WINEPREFIX ready on display $DISPLAY"
   ;;
 exec)
@@ -48,10 +52,8 @@ exec)
   shift
   args=()
   for a in "$@"; do args+=("$a"); done
-  # The dialog test writes its picture where the environment says.
-  if [[ -n ${KELVANE_SCREENSHOT:-} ]]; then
-    mkdir -p "${args[-1]}"
-  fi
+  # The last argument is the program's work folder.
+  mkdir -p "${args[-1]}"
   status=0
   wine "$program" "${args[@]}" || status=$?
   if [[ -n ${KELVANE_SCREENSHOT:-} && -f ${args[-1]}/dialog.png ]]; then

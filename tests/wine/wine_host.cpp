@@ -148,8 +148,10 @@ BOOL CALLBACK AnswerBox(HWND window, LPARAM)
     if (process != GetCurrentProcessId() || !IsWindowVisible(window) || ClassOf(window) != L"#32770")
         return TRUE;
     const std::wstring caption = WindowText(window);
-    if (caption == L"Kelvane Processor Configuration")
-        return TRUE;  // the dialog is driven by its own test
+    // The dialog is driven by its own test; a window of this class without
+    // a caption is none of the plug-in's message boxes, which all have one.
+    if (caption == L"Kelvane Processor Configuration" || caption.empty())
+        return TRUE;
     SeenBox box{caption, L""};
     EnumChildWindows(window, &CollectStatic, reinterpret_cast<LPARAM>(&box.text));
     EnterCriticalSection(&BoxLock);
@@ -612,13 +614,13 @@ ExpectedClass ExpectedFor(ControlKind kind)
     case ControlKind::StaticRight:
         return {L"Static", SS_TYPEMASK, SS_RIGHT, WS_GROUP, 0};
     case ControlKind::StaticImage:
-        return {L"Static", SS_TYPEMASK, SS_BITMAP, 0, 0};
+        return {L"Static", SS_TYPEMASK, SS_BITMAP, WS_GROUP, 0};
     case ControlKind::EditReadOnly:
         return {L"Edit", 0, 0, ES_READONLY | ES_AUTOHSCROLL | WS_TABSTOP, 0};
     case ControlKind::ComboSorted:
-        return {L"ComboBox", 3, CBS_DROPDOWNLIST, CBS_SORT | WS_VSCROLL | WS_TABSTOP, 0};
+        return {L"ComboBox", 3, CBS_DROPDOWNLIST, CBS_SORT | WS_TABSTOP, 0};
     case ControlKind::ComboUnsorted:
-        return {L"ComboBox", 3, CBS_DROPDOWNLIST, WS_VSCROLL | WS_TABSTOP, CBS_SORT};
+        return {L"ComboBox", 3, CBS_DROPDOWNLIST, WS_TABSTOP, CBS_SORT};
     case ControlKind::PushButton:
         return {L"Button", BS_TYPEMASK, BS_PUSHBUTTON, WS_TABSTOP, BS_PUSHLIKE};
     case ControlKind::DefaultPushButton:
@@ -741,9 +743,11 @@ void CheckControlsAgainstTable(HWND dialog, const std::wstring& outPlug)
         if (row.kind == ControlKind::EditReadOnly)
             Check((style & WS_BORDER) != 0 || (exStyle & WS_EX_CLIENTEDGE) != 0, name + " border");
 
-        // Position and size in dialog units, through the dialog's own font.
-        RECT want{row.x, row.y, row.x + row.width, row.y + row.height};
-        MapDialogRect(dialog, &want);
+        // Position and size in dialog units, through the dialog's own font;
+        // the dialog manager converts the width and height, not the corners.
+        RECT units{row.x, row.y, row.width, row.height};
+        MapDialogRect(dialog, &units);
+        const RECT want{units.left, units.top, units.left + units.right, units.top + units.bottom};
         RECT have;
         GetWindowRect(child, &have);
         MapWindowPoints(nullptr, dialog, reinterpret_cast<POINT*>(&have), 2);
@@ -775,6 +779,127 @@ void CheckControlsAgainstTable(HWND dialog, const std::wstring& outPlug)
             CheckText(WindowText(child), text, name + " text");
         if (row.kind == ControlKind::StaticImage)
             Check(SendMessageW(child, STM_GETIMAGE, IMAGE_BITMAP, 0) != 0, name + " shows bitmap 102");
+    }
+}
+
+
+// The dialog template as stored in the DLL's resources (DLGTEMPLATEEX): the
+// frame's styles, caption and font, and each control's style, id and place
+// in dialog units, compared with the control table. Styles that a control
+// changes on itself at run time (a combo box moves its scroll bar to its
+// list) are checked here, where they stand as written.
+struct TemplateReader {
+    const uint8_t* at;
+    uint16_t Word() { uint16_t v; std::memcpy(&v, at, 2); at += 2; return v; }
+    uint32_t Dword() { uint32_t v; std::memcpy(&v, at, 4); at += 4; return v; }
+    void Align() { while (reinterpret_cast<uintptr_t>(at) % 4 != 0) ++at; }
+    // A text or an ordinal; ordinals come back as "#n".
+    std::wstring TextOrOrdinal()
+    {
+        const uint16_t first = Word();
+        if (first == 0xFFFF)
+            return L"#" + std::to_wstring(Word());
+        std::wstring text;
+        for (uint16_t c = first; c != 0; c = Word())
+            text += static_cast<wchar_t>(c);
+        return text;
+    }
+};
+
+const std::pair<ControlKind, std::pair<const wchar_t*, DWORD>> kTemplateStyles[] = {
+    {ControlKind::GroupBox, {L"#128", BS_GROUPBOX}},
+    {ControlKind::StaticLeft, {L"#130", SS_LEFT | WS_GROUP}},
+    {ControlKind::StaticRight, {L"#130", SS_RIGHT | WS_GROUP}},
+    {ControlKind::StaticImage, {L"#130", SS_BITMAP | WS_GROUP}},
+    {ControlKind::EditReadOnly, {L"#129", ES_LEFT | ES_AUTOHSCROLL | ES_READONLY | WS_BORDER | WS_TABSTOP}},
+    {ControlKind::ComboSorted, {L"#133", CBS_DROPDOWNLIST | CBS_SORT | WS_VSCROLL | WS_TABSTOP}},
+    {ControlKind::ComboUnsorted, {L"#133", CBS_DROPDOWNLIST | WS_VSCROLL | WS_TABSTOP}},
+    {ControlKind::PushButton, {L"#128", BS_PUSHBUTTON | WS_TABSTOP}},
+    {ControlKind::DefaultPushButton, {L"#128", BS_DEFPUSHBUTTON | WS_TABSTOP}},
+    {ControlKind::AutoCheckBox, {L"#128", BS_AUTOCHECKBOX | WS_TABSTOP}},
+    {ControlKind::AutoCheckPushLike, {L"#128", BS_AUTOCHECKBOX | BS_PUSHLIKE | WS_TABSTOP}},
+    {ControlKind::TrackBar, {L"msctls_trackbar32", TBS_BOTH | TBS_NOTICKS | WS_TABSTOP}},
+};
+
+// The predefined classes may be written by ordinal or by name.
+bool SameClass(const std::wstring& written, const wchar_t* expected)
+{
+    const std::pair<const wchar_t*, const wchar_t*> names[] = {
+        {L"#128", L"Button"}, {L"#129", L"Edit"}, {L"#130", L"Static"}, {L"#133", L"ComboBox"}};
+    if (_wcsicmp(written.c_str(), expected) == 0)
+        return true;
+    for (const auto& name : names)
+        if (_wcsicmp(expected, name.first) == 0 && _wcsicmp(written.c_str(), name.second) == 0)
+            return true;
+    return false;
+}
+
+void CheckTemplate(Host& host)
+{
+    HRSRC found = FindResourceW(host.library, MAKEINTRESOURCEW(101), reinterpret_cast<LPCWSTR>(RT_DIALOG));
+    Check(found != nullptr, "template: dialog resource 101");
+    HRSRC picture = FindResourceW(host.library, MAKEINTRESOURCEW(102), reinterpret_cast<LPCWSTR>(RT_BITMAP));
+    Check(picture != nullptr, "template: bitmap resource 102");
+    if (picture != nullptr) {
+        const auto* info = static_cast<const BITMAPINFOHEADER*>(LockResource(LoadResource(host.library, picture)));
+        Check(info->biWidth == 130 && info->biHeight == 32 && info->biBitCount == 8 &&
+                  (info->biClrUsed == 256 || info->biClrUsed == 0),
+              "template: bitmap 102 is 130 x 32 pixels of 256 colours");
+    }
+    if (found == nullptr)
+        return;
+    TemplateReader r{static_cast<const uint8_t*>(LockResource(LoadResource(host.library, found)))};
+    const uint16_t version = r.Word();
+    const uint16_t signature = r.Word();
+    Check(version == 1 && signature == 0xFFFF, "template: extended dialog template");
+    r.Dword();  // help id
+    r.Dword();  // extended style
+    const DWORD style = r.Dword();
+    const DWORD frame = WS_POPUP | WS_CAPTION | WS_SYSMENU | DS_MODALFRAME | DS_SETFONT | DS_FIXEDSYS;
+    Check((style & frame) == frame, "template: frame styles");
+    const uint16_t items = r.Word();
+    CheckEqual(static_cast<int>(items), 48, "template: 48 controls");
+    const int16_t x = static_cast<int16_t>(r.Word());
+    const int16_t y = static_cast<int16_t>(r.Word());
+    const int16_t cx = static_cast<int16_t>(r.Word());
+    const int16_t cy = static_cast<int16_t>(r.Word());
+    Check(x == 0 && y == 0 && cx == 336 && cy == 285, "template: 336 x 285 at 0,0");
+    r.TextOrOrdinal();  // menu
+    r.TextOrOrdinal();  // class
+    CheckText(r.TextOrOrdinal(), L"Kelvane Processor Configuration", "template: caption");
+    CheckEqual(static_cast<int>(r.Word()), 8, "template: 8 point");
+    r.Word();  // weight
+    r.Word();  // italic and character set
+    CheckText(r.TextOrOrdinal(), L"MS Shell Dlg", "template: font");
+    for (uint16_t i = 0; i < items && i < kConfigControlCount; ++i) {
+        r.Align();
+        const ControlRow& row = ConfigControls[i];
+        const std::string name = "template: control " + std::to_string(i) + " (id " + std::to_string(row.id) + ")";
+        r.Dword();  // help id
+        r.Dword();  // extended style
+        const DWORD itemStyle = r.Dword();
+        const int16_t ix = static_cast<int16_t>(r.Word());
+        const int16_t iy = static_cast<int16_t>(r.Word());
+        const int16_t icx = static_cast<int16_t>(r.Word());
+        const int16_t icy = static_cast<int16_t>(r.Word());
+        const auto id = static_cast<int32_t>(r.Dword());
+        const std::wstring windowClass = r.TextOrOrdinal();
+        const std::wstring text = r.TextOrOrdinal();
+        const uint16_t extra = r.Word();
+        r.at += extra;
+        CheckEqual(id, row.id, name + " id");
+        Check(ix == row.x && iy == row.y && icx == row.width && icy == row.height, name + " place in dialog units");
+        for (const auto& kind : kTemplateStyles) {
+            if (kind.first != row.kind)
+                continue;
+            const DWORD want = kind.second.second | WS_CHILD | WS_VISIBLE;
+            Check(SameClass(windowClass, kind.second.first), name + " class", Narrow(windowClass));
+            Check(itemStyle == want, name + " style as written",
+                  std::to_string(itemStyle) + " expected " + std::to_string(want));
+        }
+        const std::wstring wantText =
+            row.kind == ControlKind::StaticImage ? L"#102" : (row.text != nullptr ? row.text : L"");
+        CheckText(text, wantText, name + " text");
     }
 }
 
@@ -916,6 +1041,7 @@ DWORD WINAPI DriveDialog(void* context)
 
 void Dialog(Host& host, const std::wstring& screenshot)
 {
+    CheckTemplate(host);
     DeleteSettingsKey();
     WriteSettings(kDialogSettings, host.recorderPath);
     UseRecorderFiles(host.workDir + L"\\dialog.log", host.workDir + L"\\dialog.pcm");
@@ -987,7 +1113,13 @@ int main(int argc, char** argv)
             Dialog(host, host.workDir + L"\\dialog.png");
         else
             return Usage();
-        Check(TakeBoxes().empty() || command == "record" || command == "missing", "host: no unexpected message box");
+        if (command != "record" && command != "missing") {
+            const std::vector<SeenBox> boxes = TakeBoxes();
+            std::string seen;
+            for (const SeenBox& box : boxes)
+                seen += Narrow(box.caption) + ": " + Narrow(box.text) + "; ";
+            Check(boxes.empty(), "host: no unexpected message box", seen);
+        }
     }
     InterlockedExchange(&WatcherRunning, 0);
     WaitForSingleObject(watcher, 2000);
