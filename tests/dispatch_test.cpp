@@ -346,6 +346,101 @@ TEST_F(Dispatch, SurroundTrim_StoredValueStaysAndTheOffsetDoesNotAccumulate)
 }
 
 // ---------------------------------------------------------------------------
+// The record filled from the settings, seen through the stages
+
+TEST_F(Dispatch, SettingsWordsReachTheStagesThroughTheRecord)
+{
+    // Fixed decoder at 32000 Hz (no low-pass), every word set to something
+    // that shows: odd switch values, both trims, a 1 ms delay, the bass
+    // redirection inverted with a trim. Input (0.5, -0.25).
+    SetSettings(1);
+    ProcessorSettings.Centre_Trim = -6;
+    ProcessorSettings.Surround_Trim_00 = 2;
+    ProcessorSettings.Surround_Delay = 1;
+    ProcessorSettings.Bass_Redir = 150;
+    ProcessorSettings.Bass_Redir_Enable = 1;
+    ProcessorSettings.Bass_Trim = 4;
+    ProcessorSettings.Bass_Invert = 1;
+    ProcessorSettings.L = 2;
+    ProcessorSettings.R = 3;
+    ProcessorSettings.C = -1;
+    ProcessorSettings.SL = 0;
+    ProcessorSettings.SR = 1;
+    const uint32_t count = 40;
+    std::vector<uint8_t> source =
+        Source16(count, 2, [](uint32_t, uint32_t k) { return int16_t(k == 0 ? 16384 : -8192); });
+    uint32_t frames = count;
+    ConvertAndProcess(StreamWords{2, 16, 32000, 16}, source.data(), frames);
+    ASSERT_EQ(frames, count);
+
+    // Matrix, then the switches and gains, in the order the decoder takes them.
+    const float l = 0.5f * 0.5f;
+    const float r = -0.25f * 0.5f;
+    const float gc = Gain(-6);
+    const float gs = Gain(5);  // stored 2, plus 3
+    const float left = 2.0f * ((1.0f * l) + (0.0f * r));
+    const float right = 3.0f * ((0.0f * l) + (1.0f * r));
+    const float centre = (-1.0f * ((0.707f * l) + (0.707f * r))) * gc;
+    const float surround = (1.0f * ((0.707f * l) + (-0.707f * r))) * gs;
+
+    // The bass stage on frame 0, from clear memory: each high-pass gives
+    // y = x a, so the removed part is x - x a. Coefficient a from the
+    // cut-off 150 Hz at 32000 Hz: c = tan(w) rounded once, a = 1 / ((c + s) c + 1).
+    const double w = double(150.0f) * double(3.14159274f) / 32000.0;
+    const float c = float(std::tan(w));
+    const float s = 1.41421354f;
+    const float a = 1.0f / (((c + s) * c) + 1.0f);
+    float side = 0.0f;
+    for (float x : {left, right, centre})
+        side = (x - x * a) + side;
+    const float bassGain = float(std::pow(10.0, 4.0 * double(0.05f)) * -1.0 * double(0.316f));
+    const float lfe = (side * bassGain) + 0.0f;
+
+    const float* f = FrameBlock.data;
+    EXPECT_EQ(f[0], left * a);    // high-passed in place
+    EXPECT_EQ(f[1], right * a);
+    EXPECT_EQ(f[2], centre * a);
+    EXPECT_EQ(f[3], lfe);
+    EXPECT_LT(f[3], 0.0f);  // inverted
+    // A 1 ms ring at 32000 Hz is 31 samples: SL carries zeros, SR arrives late.
+    for (uint32_t i = 0; i < 31; ++i) {
+        EXPECT_EQ(f[6 * i + 4], 0.0f) << "frame " << i;
+        EXPECT_EQ(f[6 * i + 5], 0.0f) << "frame " << i;
+    }
+    EXPECT_EQ(f[6 * 31 + 5], surround);
+    EXPECT_EQ(f[6 * 31 + 4], 0.0f);
+}
+
+TEST_F(Dispatch, CentreWidthAndVirtualCentreReachTheSteeredDecoder)
+{
+    // Rest rows on the first frame after a reset, 22050 Hz, no delay.
+    std::vector<uint8_t> source =
+        Source16(1, 2, [](uint32_t, uint32_t k) { return int16_t(k == 0 ? 16384 : 8192); });
+    const double l = 0.707 * 0.5;
+    const double r = 0.707 * 0.25;
+    const double craw = 0.501 * (l + r);
+
+    SetSettings(3);
+    ProcessorSettings.Centre_Width = 100;
+    uint32_t frames = 1;
+    ConvertAndProcess(StreamWords{2, 16, 22050, 16}, source.data(), frames);
+    ASSERT_EQ(frames, 1u);
+    EXPECT_NEAR(FrameBlock.data[0], 0.708 * l + 0.666666687 * craw, 1e-5);
+    EXPECT_NEAR(FrameBlock.data[1], 0.708 * r + 0.666666687 * craw, 1e-5);
+    EXPECT_NEAR(FrameBlock.data[2], 0.333 * craw, 1e-5);
+
+    EngineReset();
+    ProcessorSettings.Centre_Width = 100;
+    ProcessorSettings.Virtual_C = 1;
+    frames = 1;
+    ConvertAndProcess(StreamWords{2, 16, 22050, 16}, source.data(), frames);
+    ASSERT_EQ(frames, 1u);
+    EXPECT_NEAR(FrameBlock.data[0], 0.708 * l + 0.5 * craw, 1e-5);
+    EXPECT_NEAR(FrameBlock.data[1], 0.708 * r + 0.5 * craw, 1e-5);
+    EXPECT_EQ(FrameBlock.data[2], 0.0f);
+}
+
+// ---------------------------------------------------------------------------
 // Stereo rows
 
 TEST_F(Dispatch, Stereo_Mode0_PassThroughWithOutChannels2)
