@@ -17,3 +17,12 @@ add_custom_target(impulse_tables_check
           ${PROJECT_SOURCE_DIR}/encoders/impulse_tables.bin
   COMMENT "Checking encoders/impulse_tables.bin against its generator"
   VERBATIM)
+
+# Rerunning the generator reproduces the committed tables bit for bit.
+if(KELVANE_TESTS AND NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME ImpulseTables.GeneratorReproducesCommittedDataBitForBit
+    COMMAND ${CMAKE_COMMAND} -DGENERATOR=$<TARGET_FILE:make_impulse_tables>
+            -DOUTPUT=${CMAKE_CURRENT_BINARY_DIR}/impulse_tables_rerun.bin
+            -DEXPECTED=${PROJECT_SOURCE_DIR}/encoders/impulse_tables.bin
+            -P ${CMAKE_CURRENT_LIST_DIR}/compare_generated.cmake)
+endif()

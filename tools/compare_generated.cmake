@@ -1,0 +1,10 @@
+# Runs a generator into OUTPUT and fails unless the result equals EXPECTED.
+execute_process(COMMAND ${GENERATOR} ${OUTPUT} RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "generator failed: ${status}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${OUTPUT} ${EXPECTED} RESULT_VARIABLE same)
+if(NOT same EQUAL 0)
+  message(FATAL_ERROR "${OUTPUT} differs from ${EXPECTED}")
+endif()
+message(STATUS "identical: ${OUTPUT}")
