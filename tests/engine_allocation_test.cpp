@@ -36,9 +36,15 @@ void* CountedAllocateAligned(std::size_t bytes, std::align_val_t align)
     if (g_counting)
         ++g_allocations;
     const std::size_t a = std::max(std::size_t(align), sizeof(void*));
+#if defined(_WIN32)
+    void* p = _aligned_malloc(bytes == 0 ? a : bytes, a);
+    if (p == nullptr)
+        throw std::bad_alloc();
+#else
     void* p = nullptr;
     if (posix_memalign(&p, a, bytes == 0 ? a : bytes) != 0)
         throw std::bad_alloc();
+#endif
     return p;
 }
 
@@ -70,10 +76,20 @@ void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete(void* p, std::align_val_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+namespace {
+void FreeAligned(void* p)
+{
+#if defined(_WIN32)
+    _aligned_free(p);
+#else
+    std::free(p);
+#endif
+}
+}  // namespace
+void operator delete(void* p, std::align_val_t) noexcept { FreeAligned(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { FreeAligned(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { FreeAligned(p); }
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { FreeAligned(p); }
 
 namespace {
 
