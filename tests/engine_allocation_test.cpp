@@ -12,6 +12,10 @@
 #include <new>
 #include <vector>
 
+#if defined(_WIN32)
+#include <malloc.h>
+#endif
+
 #include "signal/engine_state.h"
 #include "signal/pcm_conversion.h"
 #include "signal/processor.h"
