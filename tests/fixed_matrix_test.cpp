@@ -1,7 +1,7 @@
 // Fixed matrix decoder: stereo to L, R, C and one surround through a
 // constant six-by-two matrix, then trims, switches and the surround tail.
 //
-// Expected frames are the float steps written out here in the stated order;
+// Expected frames are the float steps written out here in their fixed order;
 // at 32000 Hz the tail has no low-pass, so with no delay the matrix output
 // is seen as it is.
 #include <gtest/gtest.h>

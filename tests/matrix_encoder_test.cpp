@@ -1,9 +1,9 @@
 // Matrix encoder: the three front-ends, the band-limited and phase-shifted
 // surround sum, and the mix into two channels.
 //
-// Expected values are the printed figures (fold, impulse response, phase
-// table, magnitude bound), or the float steps written out here in the
-// stated order; phase and magnitude come from a double-precision DFT of the
+// Expected values are the known figures (fold, impulse response, phase
+// table, magnitude bound), or the float steps written out here in their
+// fixed order; phase and magnitude come from a double-precision DFT of the
 // chain's impulse response.
 #include <gtest/gtest.h>
 
@@ -314,13 +314,13 @@ TEST(DownmixFive, TwoIdenticalCallsDifferFromOneCallOfTwiceTheLength)
 
 // ---- The phase chain ------------------------------------------------------------
 
-TEST(SurroundPhaseChain, ImpulseResponseStartsWithThePrintedSamples)
+TEST(SurroundPhaseChain, ImpulseResponseStartsMinus0_772378Then0_00496Then0_406199)
 {
     const std::vector<float> h = ChainImpulseResponse(8);
-    const double printed[8] = {-0.772378, 0.00496, 0.406199, 0.003499, 0.312279, 0.002448, 0.240076, 0.001696};
+    const double known[8] = {-0.772378, 0.00496, 0.406199, 0.003499, 0.312279, 0.002448, 0.240076, 0.001696};
     const double halfUnit[8] = {5e-7, 5e-6, 5e-7, 5e-7, 5e-7, 5e-7, 5e-7, 5e-7};
     for (int n = 0; n < 8; ++n)
-        EXPECT_NEAR(h[n], printed[n], halfUnit[n]) << "sample " << n;
+        EXPECT_NEAR(h[n], known[n], halfUnit[n]) << "sample " << n;
 }
 
 TEST(SurroundPhaseChain, FourStepsShareOneMemory)

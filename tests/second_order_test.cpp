@@ -2,9 +2,9 @@
 // resting points of the 7.95 Hz smoother, and the response against the
 // textbook Butterworth magnitude.
 //
-// Expected values are either the figures the design gives or a reference
-// written out here: the coefficient steps and the recursion spelled out in
-// float in the stated order, or a double-precision formula.
+// Expected values are either the known figures of these sections or a
+// reference written out here: the coefficient steps and the recursion
+// spelled out in float in their fixed order, or a double-precision formula.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,7 +26,7 @@ constexpr float kFloatPi = 3.14159274f;   // 3.1415927410125732
 constexpr float kSqrtTwo = 1.41421354f;   // 1.4142135381698608
 constexpr double kPi = 3.14159265358979323846;
 
-// Coefficient steps in the order the design writes them: w and the tangent in
+// Coefficient steps in their fixed order: w and the tangent in
 // double, one rounding, then float operations one at a time.
 SectionCoefficients ReferenceCoefficients(float cutoff, int32_t rate, bool lowPass)
 {
@@ -42,7 +42,7 @@ SectionCoefficients ReferenceCoefficients(float cutoff, int32_t rate, bool lowPa
     return k;
 }
 
-// One sample of each recursion, in the stated evaluation order.
+// One sample of each recursion, in its fixed evaluation order.
 float ReferenceHighPassStep(FilterState& m, float x, const SectionCoefficients& k)
 {
     float t = m.x2 - (m.x1 * 2.0f);
@@ -123,17 +123,17 @@ std::vector<float> SmootherConstantRun(float input, int32_t rate, uint32_t total
     return tail;
 }
 
-void ExpectRestsAt(float input, int32_t rate, double printed)
+void ExpectRestsAt(float input, int32_t rate, double expected)
 {
     // 49 blocks of 8192: the values settle within some 12000 samples.
     const std::vector<float> tail = SmootherConstantRun(input, rate, 49 * 8192, 100000);
     for (float y : tail)
-        ASSERT_NEAR(y, printed, 5e-7) << "input " << input << " at " << rate << " Hz";
+        ASSERT_NEAR(y, expected, 5e-7) << "input " << input << " at " << rate << " Hz";
 }
 
 // "Wanders slowly between about lo and hi": over a late window every value
-// lies within two units of the last printed digit of the range, its lowest
-// and highest values lie that close to the printed ends, and it does move.
+// lies within two units of the last quoted digit of the range, its lowest
+// and highest values lie that close to the quoted ends, and it does move.
 void ExpectWandersBetween(float input, int32_t rate, double lo, double hi, double unit)
 {
     const std::vector<float> tail = SmootherConstantRun(input, rate, 49 * 8192, 200000);
@@ -164,9 +164,9 @@ double ResponseMagnitude(const std::vector<float>& h, double f, int32_t rate)
 
 // ---- Coefficients ----------------------------------------------------------
 
-// Each printed decimal names exactly one float at these magnitudes, so the
-// printed digits are checked by equality with that float.
-TEST(SectionCoefficients, SmootherAt44100GivesThePrintedValues)
+// Each of these decimals names exactly one float at these magnitudes, so
+// equality with that float checks every quoted digit.
+TEST(SectionCoefficients, SmootherAt44100IsC1765_71875A3_2048604eMinus7B1Minus1_9983982B2_0_9983995)
 {
     const SectionCoefficients k = LowPassCoefficients(kSmootherCutoff, 44100);
     EXPECT_EQ(k.c, 1765.71875f);
@@ -175,7 +175,7 @@ TEST(SectionCoefficients, SmootherAt44100GivesThePrintedValues)
     EXPECT_EQ(k.B2, 0.9983995f);
 }
 
-TEST(SectionCoefficients, SmootherAt48000GivesThePrintedValues)
+TEST(SectionCoefficients, SmootherAt48000IsC1921_8708A2_7054034eMinus7B1Minus1_9985282B2_0_9985294)
 {
     const SectionCoefficients k = LowPassCoefficients(kSmootherCutoff, 48000);
     EXPECT_EQ(k.c, 1921.8708f);

@@ -1,10 +1,10 @@
 // Steered matrix decoder: exponential terms from the smoothed steering, the
 // six rows per band, band sums, centre distribution and switches.
 //
-// Expected values are the printed rows (to four decimals) or the decoder
-// written out here in float in the stated order, from the band split to the
-// write; raw steering comes from SteeringPair, which its own tests check
-// against the double-precision ratio.
+// Expected values are the rows at rest and at the bound (to four decimals)
+// or the decoder written out here in float in its fixed order, from the
+// band split to the write; raw steering comes from SteeringPair, which its
+// own tests check against the double-precision ratio.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -242,7 +242,7 @@ std::vector<float> ReferenceDecode(const ProcessorBlock& pb, const std::vector<f
 
 void ExpectRow(const float got[2], double l, double r, const char* name)
 {
-    // Four printed decimals: within half a unit of the fourth.
+    // Four decimals: within half a unit of the fourth.
     EXPECT_NEAR(got[0], l, 5e-5 + 1e-7) << name << " (l)";
     EXPECT_NEAR(got[1], r, 5e-5 + 1e-7) << name << " (r)";
 }
