@@ -314,7 +314,10 @@ static bool ReadKey(std::vector<RegistryValue>& values)
             continue;
         }
         if (!line.empty() && line[0] == '[') {
-            inKey = line == kSectionLine;
+            // Key names compare without regard to case, as in the registry.
+            inKey = line.size() == sizeof kSectionLine - 1;
+            for (size_t k = 0; inKey && k < line.size(); ++k)
+                inKey = FoldCase(char16_t(uint8_t(line[k]))) == FoldCase(char16_t(uint8_t(kSectionLine[k])));
             keySeen = keySeen || inKey;
             continue;
         }

@@ -255,7 +255,7 @@ TEST_F(SettingsHost, CrlfAnyOrderUnknownLinesAndEscapes_Read)
               "Windows Registry Editor Version 5.00\r\n\r\n"
               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Other]\r\n"
               "\"Mode\"=dword:00000005\r\n"
-              "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane]\r\n"
+              "[HKEY_LOCAL_MACHINE\\Software\\Morrowfen\\Kelvane]\r\n"
               "; a comment\r\n"
               "\"SR\"=dword:00000000\r\n"
               "\"Mode\"=dword:00000002\r\n"

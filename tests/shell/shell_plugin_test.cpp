@@ -194,6 +194,11 @@ TEST_F(PluginHost, Open_MonoEightBitSource_ChainedGetsSixChannelsAndOutBits)
     const auto opens = CallsOf("a", "Open");
     ASSERT_EQ(opens.size(), 1u);
     EXPECT_EQ(opens[0].args, (std::vector<int64_t>{11025, 6, 32, 700, 300}));
+    // Nothing is refused: any channel count, word size and rate.
+    module->Close();
+    EXPECT_EQ(module->Open(7, 9, 12, 1, 2), 0);
+    EXPECT_EQ(CallsOf("a", "Open").back().args, (std::vector<int64_t>{7, 6, 32, 1, 2}));
+    EXPECT_EQ(Stderr(), "");
 }
 
 TEST_F(PluginHost, Open_ChainedFailure_ReturnedUnchangedAndLibraryKept)
