@@ -71,3 +71,9 @@ add_test(NAME wine.compare_with_linux
   COMMAND ${CMAKE_BINARY_DIR}/linux-reference/kelvane-linux-reference ${CMAKE_BINARY_DIR}/wine-work/compare/render)
 set_tests_properties(wine.compare_with_linux PROPERTIES
   FIXTURES_REQUIRED kelvane_render LABELS wine TIMEOUT 300)
+
+# The DLL's tables: one export, system imports only. Needs no Wine.
+add_test(NAME windows.dll_tables
+  COMMAND ${CMAKE_COMMAND} -DOBJDUMP=${CMAKE_OBJDUMP} -DDLL=${kelvane_plugin}
+          -P ${kelvane_wine_dir}/check-dll.cmake)
+set_tests_properties(windows.dll_tables PROPERTIES LABELS "wine;windows")
