@@ -4,6 +4,7 @@
 # build-fftw.sh) and Wine with Xvfb for the tests. Run as root; safe to run
 # again.
 set -euo pipefail
+cd "$(dirname "$0")/../.."
 
 if [[ $(id -u) -ne 0 ]]; then
   echo "setup.sh: run as root" >&2
@@ -58,6 +59,12 @@ apt-get install -y --no-install-recommends \
   dpkg-dev make \
   g++-mingw-w64-i686 g++-mingw-w64-x86-64 mingw-w64-tools binutils-mingw-w64 \
   wine wine32:i386 wine64 xvfb xauth
+
+# The comparison under Wine renders the same streams with the Linux build,
+# which needs the packages of the Linux side.
+if [[ -x tools/install-deps.sh ]]; then
+  tools/install-deps.sh
+fi
 
 # MinGW's compilers come in a win32-thread and a posix-thread flavour; the
 # project starts no thread and wants no winpthread DLL, so take win32.
