@@ -16,7 +16,7 @@ constexpr int kProcessorId = 6546551;
 
 Out_Module* LoadWriter()
 {
-    void* library = dlopen(KELVANE_TEST_OUT_WAV, RTLD_NOW | RTLD_LOCAL);
+    void* library = dlopen(OutWavPath().c_str(), RTLD_NOW | RTLD_LOCAL);
     EXPECT_NE(library, nullptr) << dlerror();
     if (library == nullptr)
         return nullptr;

@@ -77,7 +77,7 @@ HostWindow DirectWindow{QuietWindowProc};
 Out_Module* Processor()
 {
     static Out_Module* module = [] {
-        void* library = dlopen(KELVANE_TEST_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+        void* library = dlopen(PluginPath().c_str(), RTLD_NOW | RTLD_LOCAL);
         EXPECT_NE(library, nullptr) << dlerror();
         auto get = reinterpret_cast<GetOutModuleFunction>(dlsym(library, "winampGetOutModule"));
         Out_Module* record = get();
@@ -98,7 +98,7 @@ TestAudio DriveDirectly(const TestAudio& input, const std::string& values)
     const std::string captured = config.File("direct.wav");
     std::ofstream(config.File("Morrowfen/Kelvane.reg"), std::ios::binary)
         << "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane]\n"
-        << "\"Out_Plug\"=\"" << KELVANE_TEST_OUT_WAV << "\"\n" << values;
+        << "\"Out_Plug\"=\"" << OutWavPath() << "\"\n" << values;
     std::ofstream(config.File("Morrowfen/OutWav.reg"), std::ios::binary)
         << "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\OutWav]\n"
         << "\"Out_File\"=\"" << captured << "\"\n";
@@ -150,9 +150,9 @@ struct RenderFixture : ::testing::Test {
 
     ProcessResult Render(std::vector<std::string> args, bool with_plugin = true) const
     {
-        args.insert(args.begin(), KELVANE_TEST_RENDER);
+        args.insert(args.begin(), RenderPath());
         if (with_plugin) {
-            args.insert(args.begin() + 1, {"--plugin", KELVANE_TEST_PLUGIN, "--out-wav", KELVANE_TEST_OUT_WAV});
+            args.insert(args.begin() + 1, {"--plugin", PluginPath(), "--out-wav", OutWavPath()});
         }
         return RunProgram(args, Environment());
     }
@@ -473,14 +473,14 @@ TEST_F(RenderFixture, PluginThatCannotBeLoadedFailsCleanly)
     const std::string in = Input("in.wav", StereoNoise(1000, 26));
     std::ofstream(work.File("fake.so")) << "not a library\n";
     const std::vector<std::string> before = FolderEntries(work.path);
-    ExpectCleanFailure(RunProgram({KELVANE_TEST_RENDER, "--plugin", work.File("fake.so"), in, work.File("o.wav")},
+    ExpectCleanFailure(RunProgram({RenderPath(), "--plugin", work.File("fake.so"), in, work.File("o.wav")},
                                   Environment()),
                        "cannot load plug-in", work.path, before);
-    ExpectCleanFailure(RunProgram({KELVANE_TEST_RENDER, "--plugin", work.File("none.so"), in, work.File("o.wav")},
+    ExpectCleanFailure(RunProgram({RenderPath(), "--plugin", work.File("none.so"), in, work.File("o.wav")},
                                   Environment()),
                        "cannot load plug-in", work.path, before);
     // A library that is not an output plug-in.
-    ExpectCleanFailure(RunProgram({KELVANE_TEST_RENDER, "--plugin", KELVANE_TEST_PLUGIN, "--out-wav",
+    ExpectCleanFailure(RunProgram({RenderPath(), "--plugin", PluginPath(), "--out-wav",
                                    work.File("fake.so"), in, work.File("o.wav")},
                                   Environment()),
                        "", work.path, before);
@@ -496,8 +496,9 @@ TEST_F(RenderFixture, InterruptedRunLeavesNoOutput)
         for (const auto& [name, value] : Environment())
             value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
         std::freopen("/dev/null", "w", stdout);
-        execl(KELVANE_TEST_RENDER, KELVANE_TEST_RENDER, "-q", "--mode", "headphone", "--plugin", KELVANE_TEST_PLUGIN,
-              "--out-wav", KELVANE_TEST_OUT_WAV, in.c_str(), work.File("o.wav").c_str(), static_cast<char*>(nullptr));
+        const std::string render = RenderPath(), plugin = PluginPath(), writer = OutWavPath();
+        execl(render.c_str(), render.c_str(), "-q", "--mode", "headphone", "--plugin", plugin.c_str(), "--out-wav",
+              writer.c_str(), in.c_str(), work.File("o.wav").c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
     usleep(700 * 1000);
@@ -561,4 +562,77 @@ TEST_F(RenderFixture, DemoTableShowsWhereEachSourceLands)
     // The scene files are there for anyone to listen to.
     EXPECT_EQ(ReadTestAudio(dir + "/scene-stereo.wav").channels, 2);
     EXPECT_EQ(ReadTestAudio(dir + "/scene-six.wav").channels, 6);
+}
+
+TEST_F(RenderFixture, DeepAndShallowSourcesReachTheProcessorAtTheirOwnDepth)
+{
+    // Bypass, step by step in single precision from the source's own integer
+    // value: 24 bits sit in the top of a 32-bit word scaled by 1/2^31, 8 bits
+    // are unsigned around 128, scaled by 1/128.
+    TestAudio deep{kRate, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_24, Noise16(2 * 3000, 32767, 28)};
+    for (int32_t& sample : deep.samples)
+        sample = sample * 256 + (sample & 0xFF);
+    TestAudio shallow{kRate, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_U8, Noise16(2 * 3000, 127, 29)};
+    shallow.samples[0] = -128;  // the byte 0, which the processor takes for silence
+    for (const TestAudio* input : {&deep, &shallow}) {
+        const bool is_deep = input == &deep;
+        const std::string out = work.File("o.wav");
+        ASSERT_EQ(Render({"-q", "--mode", "0", Input(is_deep ? "deep.wav" : "shallow.wav", *input), out}).status, 0);
+        const TestAudio rendered = ReadTestAudio(out);
+        ASSERT_EQ(rendered.Frames(), 3000);
+        for (int64_t i = 0; i < 3000; ++i)
+            for (int c = 0; c < 2; ++c) {
+                const int32_t v = input->At(i, c);
+                float x = 0.0f;
+                if (is_deep) {
+                    x = static_cast<float>(static_cast<int32_t>(static_cast<uint32_t>(v) << 8)) * 4.656612873077393e-10f;
+                } else {
+                    const int32_t byte = v + 128;
+                    x = static_cast<float>(byte == 0 ? 0 : byte - 128) * 0.0078125f;
+                }
+                const float y = x * 0.707f;
+                const float z = y * 27852.80078125f;
+                ASSERT_EQ(rendered.At(i, c), static_cast<int32_t>(z)) << (is_deep ? "24" : "8") << " bits, frame " << i;
+            }
+    }
+}
+
+TEST_F(RenderFixture, FlacAndWavOfTheSameSamplesRenderAlike)
+{
+    const TestAudio input = StereoNoise(7000, 30);
+    TestAudio flac = input;
+    flac.format = SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
+    ASSERT_EQ(Render({"-q", Input("in.wav", input), work.File("a.wav")}).status, 0);
+    ASSERT_EQ(Render({"-q", Input("in.flac", flac), work.File("b.wav")}).status, 0);
+    EXPECT_EQ(ReadTestAudio(work.File("a.wav")).samples, ReadTestAudio(work.File("b.wav")).samples);
+}
+
+TEST_F(RenderFixture, MonoAndFourChannelSourcesKeepTheirLength)
+{
+    const std::string mono = Input("mono.wav", TestAudio{kRate, 1, kStereo16, Noise16(5000, 9000, 31)});
+    TestAudio quad{kRate, 4, SF_FORMAT_WAVEX | SF_FORMAT_PCM_32, Noise16(4 * 5000, 9000, 32)};
+    for (int32_t& sample : quad.samples)
+        sample *= 65536;
+    const std::string four = Input("quad.wav", quad);
+    for (const char* mode : {"asr", "headphone", "encode"}) {
+        const ProcessResult result = Render({"-q", "--mode", mode, "-o", work.File("out"), mono, four});
+        ASSERT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(ReadTestAudio(work.File("out/mono.wav")).Frames(), 5000) << mode;
+        EXPECT_EQ(ReadTestAudio(work.File("out/quad.wav")).Frames(), 5000) << mode;
+    }
+}
+
+TEST_F(RenderFixture, InputsOfDifferentRatesNeedAFolderOfOutputs)
+{
+    TestAudio low = StereoNoise(3000, 33);
+    low.rate = 22050;
+    const std::string a = Input("a.wav", StereoNoise(3000, 34));
+    const std::string b = Input("b.wav", low);
+    const std::vector<std::string> before = FolderEntries(work.path);
+    ExpectCleanFailure(Render({a, b, work.File("o.wav")}), "different sample rates", work.path, before);
+    const ProcessResult result = Render({"-q", "-o", work.File("out"), a, b});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(ReadTestAudio(work.File("out/a.wav")).rate, kRate);
+    EXPECT_EQ(ReadTestAudio(work.File("out/b.wav")).rate, 22050);
+    EXPECT_EQ(ReadTestAudio(work.File("out/b.wav")).Frames(), 3000);
 }

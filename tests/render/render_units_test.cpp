@@ -9,6 +9,7 @@
 
 #include "test_audio.h"
 #include "tools/render/levels.h"
+#include "tools/render/pcm_source.h"
 #include "tools/render/reg_file.h"
 #include "tools/render/render_job.h"
 #include "tools/render/render_options.h"
@@ -349,17 +350,6 @@ TEST(RenderArgs, MissingValuesTakeTheProcessorDefaults)
     EXPECT_EQ(EffectiveOutBits(none), 16);
 }
 
-// --- Emptying the convolver -------------------------------------------------
-
-TEST(Padding, CompletesTheLastBlockOf8192Frames)
-{
-    EXPECT_EQ(PaddingFrames(0), 0);
-    EXPECT_EQ(PaddingFrames(1), 8191);
-    EXPECT_EQ(PaddingFrames(8191), 1);
-    EXPECT_EQ(PaddingFrames(8192), 0);
-    EXPECT_EQ(PaddingFrames(10000), 16384 - 10000);
-}
-
 // --- Levels -------------------------------------------------------------------
 
 TEST(Levels, RmsAndPeakInDecibelsFullScale)
@@ -377,4 +367,101 @@ TEST(Levels, RmsAndPeakInDecibelsFullScale)
     EXPECT_NEAR(WindowRmsDb(levels, 1, 1), 20.0 * std::log10(std::sqrt(0.5)), 1e-12);
     EXPECT_EQ(FormatDb(-6.02, 7), "   -6.0");
     EXPECT_EQ(FormatDb(LevelDb(0.0), 7), "   -inf");
+}
+
+// --- Sources as integer PCM at their own depth ---------------------------------
+
+namespace {
+
+std::vector<uint8_t> HandedOn(const std::string& path, int expected_bits, std::vector<double>* power = nullptr)
+{
+    PcmSource source{};
+    std::string error;
+    EXPECT_TRUE(OpenPcmSource(path, source, error)) << error;
+    EXPECT_EQ(source.bits, expected_bits) << path;
+    std::vector<uint8_t> bytes;
+    EXPECT_GE(ReadPcmBlock(source, 576, bytes, power), 0);
+    ClosePcmSource(source);
+    return bytes;
+}
+
+}  // namespace
+
+TEST(PcmSource, EightBitsAreHandedOnUnsigned)
+{
+    TempFolder folder;
+    WriteTestAudio(folder.File("u8.wav"), TestAudio{8000, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_U8, {-128, -1, 0, 1, 127}});
+    EXPECT_EQ(HandedOn(folder.File("u8.wav"), 8), (std::vector<uint8_t>{0, 127, 128, 129, 255}));
+}
+
+TEST(PcmSource, SixteenTwentyFourAndThirtyTwoBitsAreLittleEndian)
+{
+    TempFolder folder;
+    WriteTestAudio(folder.File("16.wav"), TestAudio{44100, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, {0x1234, -2}});
+    EXPECT_EQ(HandedOn(folder.File("16.wav"), 16), (std::vector<uint8_t>{0x34, 0x12, 0xFE, 0xFF}));
+    WriteTestAudio(folder.File("24.flac"), TestAudio{48000, 1, SF_FORMAT_FLAC | SF_FORMAT_PCM_24, {0x123456, -0x800000}});
+    EXPECT_EQ(HandedOn(folder.File("24.flac"), 24), (std::vector<uint8_t>{0x56, 0x34, 0x12, 0x00, 0x00, 0x80}));
+    WriteTestAudio(folder.File("32.wav"), TestAudio{44100, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_32, {0x12345678}});
+    EXPECT_EQ(HandedOn(folder.File("32.wav"), 32), (std::vector<uint8_t>{0x78, 0x56, 0x34, 0x12}));
+}
+
+TEST(PcmSource, FloatSamplesBecomeTheNearestSixteenBitStep)
+{
+    TempFolder folder;
+    const std::string path = folder.File("float.wav");
+    SF_INFO info{};
+    info.samplerate = 44100;
+    info.channels = 1;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr);
+    // 0.5, a value between two steps (100.4 and 100.6 steps), full scale
+    // both ways, and beyond it.
+    const float samples[] = {0.5f, 100.4f / 32768.0f, -100.6f / 32768.0f, 1.0f, -1.0f, 1.5f};
+    sf_writef_float(file, samples, 6);
+    sf_close(file);
+    const std::vector<uint8_t> bytes = HandedOn(path, 16);
+    std::vector<int16_t> words;
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
+        words.push_back(static_cast<int16_t>(bytes[i] | bytes[i + 1] << 8));
+    EXPECT_EQ(words, (std::vector<int16_t>{16384, 100, -101, 32767, -32768, 32767}));
+}
+
+TEST(PcmSource, CompressedSourcesAreHandedOnAtSixteenBits)
+{
+    TempFolder folder;
+    const std::string path = folder.File("tone.ogg");
+    TestAudio tone{44100, 2, SF_FORMAT_OGG | SF_FORMAT_VORBIS, {}};
+    for (int i = 0; i < 4410; ++i) {
+        const int32_t value = static_cast<int32_t>(8000.0 * std::sin(i * 0.0627));
+        tone.samples.push_back(value);
+        tone.samples.push_back(value);
+    }
+    WriteTestAudio(path, tone);
+    EXPECT_EQ(HandedOn(path, 16).size(), 576u * 2 * 2);
+}
+
+TEST(PcmSource, FramePowerIsTheMeanSquareOverChannels)
+{
+    TempFolder folder;
+    WriteTestAudio(folder.File("p.wav"), TestAudio{44100, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, {16384, -16384, 16384, 0}});
+    std::vector<double> power;
+    HandedOn(folder.File("p.wav"), 16, &power);
+    ASSERT_EQ(power.size(), 2u);
+    EXPECT_DOUBLE_EQ(power[0], 0.25);
+    EXPECT_DOUBLE_EQ(power[1], 0.125);
+}
+
+TEST(PcmSource, ThreeOrMoreThanSixChannelsAreRefused)
+{
+    TempFolder folder;
+    for (int channels : {3, 8}) {
+        const std::string path = folder.File("c" + std::to_string(channels) + ".wav");
+        WriteTestAudio(path, TestAudio{44100, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16,
+                                       std::vector<int32_t>(static_cast<size_t>(channels) * 4, 0)});
+        PcmSource source{};
+        std::string error;
+        EXPECT_FALSE(OpenPcmSource(path, source, error));
+        EXPECT_NE(error.find("unsupported input"), std::string::npos) << error;
+    }
 }

@@ -152,6 +152,35 @@ ProcessResult RunProgram(const std::vector<std::string>& args,
     return result;
 }
 
+namespace {
+
+std::string FromEnvironment(const char* name, const char* built)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr && value[0] != '\0' ? value : built;
+}
+
+}  // namespace
+
+std::string PluginPath()
+{
+#ifdef KELVANE_TEST_PLUGIN
+    return FromEnvironment("KELVANE_TEST_PLUGIN", KELVANE_TEST_PLUGIN);
+#else
+    return FromEnvironment("KELVANE_TEST_PLUGIN", "");
+#endif
+}
+
+std::string OutWavPath()
+{
+    return FromEnvironment("KELVANE_TEST_OUT_WAV", KELVANE_TEST_OUT_WAV);
+}
+
+std::string RenderPath()
+{
+    return FromEnvironment("KELVANE_TEST_RENDER", KELVANE_TEST_RENDER);
+}
+
 std::string ReadWholeFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);

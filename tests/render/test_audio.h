@@ -55,6 +55,13 @@ struct ProcessResult {
 ProcessResult RunProgram(const std::vector<std::string>& args,
                          const std::vector<std::pair<std::string, std::string>>& env = {});
 
+// Paths of this build's programs: from the environment that CTest sets
+// (KELVANE_TEST_PLUGIN, KELVANE_TEST_OUT_WAV, KELVANE_TEST_RENDER), else the
+// paths compiled into the test.
+std::string PluginPath();
+std::string OutWavPath();
+std::string RenderPath();
+
 // Reads a whole file into a string; empty if missing.
 std::string ReadWholeFile(const std::string& path);
 

@@ -306,11 +306,6 @@ struct RunResources {
 
 }  // namespace
 
-int64_t PaddingFrames(uint64_t stream_frames)
-{
-    return static_cast<int64_t>((kConvolverBlockFrames - stream_frames % kConvolverBlockFrames) % kConvolverBlockFrames);
-}
-
 bool RunRender(const RenderRequest& request, RenderContext& context, RenderSummary& summary, std::string& error)
 {
     summary = RenderSummary{};
@@ -372,8 +367,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     std::vector<uint8_t> block;
     std::vector<uint8_t> buffer;
     std::vector<double> power;
-    uint64_t stream_frames = 0;        // frames written since the start of the run
-    uint64_t frames_since_reset = 0;   // frames written since the last reset
+    uint64_t stream_frames = 0;  // frames written since the start of the run, silence included
 
     for (size_t i = 0; i < run.sources.size(); ++i) {
         PcmSource& source = run.sources[i];
@@ -417,7 +411,6 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
             }
             input_frames[i] += static_cast<uint64_t>(got);
             stream_frames += static_cast<uint64_t>(got);
-            frames_since_reset += static_cast<uint64_t>(got);
             progress.frames_done += static_cast<uint64_t>(got);
             progress.audio_seconds += static_cast<double>(got) / source.rate;
             DrawProgress(progress, false);
@@ -427,7 +420,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         // at the end of the play-list, and before a Stop, which would drop it.
         const bool last = i + 1 == run.sources.size();
         if (last || request.reset_between) {
-            int64_t padding = PaddingFrames(frames_since_reset);
+            int64_t padding = kEndPaddingFrames;
             while (padding > 0) {
                 const int frames = static_cast<int>(std::min<int64_t>(padding, kWriteFrames));
                 block.assign(static_cast<size_t>(frames) * frame_bytes, source.bits == 8 ? 128 : 0);
@@ -436,13 +429,10 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
                     return false;
                 padding -= frames;
                 stream_frames += static_cast<uint64_t>(frames);
-                frames_since_reset += static_cast<uint64_t>(frames);
             }
         }
-        if (request.reset_between && !last) {
+        if (request.reset_between && !last)
             SendHostCommand(*context.session, kCommandStop);
-            frames_since_reset = 0;
-        }
         module->Close();
         run.opened = false;
         ClosePcmSource(source);
@@ -457,9 +447,14 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     const WavLayout& first_piece = run.stream.layouts.front();
     const int out_bits = first_piece.format.bits;
     const int keep_channels = request.two_channel ? std::min<int>(2, first_piece.format.channels) : first_piece.format.channels;
-    if (run.stream.total_frames < stream_frames) {
+    // Every frame of every input must have come out; the silence behind
+    // them need not have.
+    uint64_t needed_frames = 0;
+    for (size_t i = 0; i < run.sources.size(); ++i)
+        needed_frames = std::max(needed_frames, input_start[i] + input_frames[i]);
+    if (run.stream.total_frames < needed_frames) {
         error = "the processor gave back " + std::to_string(run.stream.total_frames) + " frames of the " +
-                std::to_string(stream_frames) + " written";
+                std::to_string(needed_frames) + " played";
         return false;
     }
     ChannelLevels stream_levels{};

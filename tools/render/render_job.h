@@ -30,8 +30,11 @@ constexpr int kWriteFrames = 576;
 constexpr int kMaxWriteFrames = 8192;
 
 // The block of the headphone convolver: frames are held back until a whole
-// block has come in.
+// block has come in, so a full block of silence behind the last frame lets
+// go of everything held, whichever of the frames went into the convolver
+// (a mono source, for one, bypasses it).
 constexpr int kConvolverBlockFrames = 8192;
+constexpr int kEndPaddingFrames = kConvolverBlockFrames;
 
 struct OutputPlan {
     std::string path;            // final file name
@@ -74,9 +77,6 @@ constexpr const char* kProcessorKeyName = "Kelvane";
 // request exists.
 bool RunRender(const RenderRequest& request, RenderContext& context, RenderSummary& summary, std::string& error);
 
-// Frames of silence that complete the convolver's last block after
-// `stream_frames` frames since the last reset.
-int64_t PaddingFrames(uint64_t stream_frames);
 
 // Prints the closing summary of a run to `out`.
 void PrintSummary(const RenderSummary& summary, std::FILE* out);
