@@ -200,6 +200,19 @@ int Run(const RenderOptions& options, const std::string& work_folder, PluginSess
             return kExitFailure;
         }
 
+    // And every output must have a folder to go to, unless -o creates it.
+    std::vector<std::string> written = {options.output, options.report};
+    for (const std::string& path : written) {
+        if (path.empty())
+            continue;
+        const size_t slash = path.rfind('/');
+        const std::string folder = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+        if (access(folder.c_str(), W_OK) != 0) {
+            Fail("cannot write " + path + ": " + std::strerror(errno));
+            return kExitFailure;
+        }
+    }
+
     if (setenv("XDG_CONFIG_HOME", work_folder.c_str(), 1) != 0) {
         Fail("cannot set XDG_CONFIG_HOME");
         return kExitFailure;

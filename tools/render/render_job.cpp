@@ -498,6 +498,11 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         }
     }
 
+    if (RenderInterrupted) {
+        error = "interrupted";
+        return false;
+    }
+
     // All written: close and give the files their names.
     for (PendingFile& pending : run.outputs) {
         const bool closed = std::fclose(pending.file) == 0;
