@@ -1,7 +1,7 @@
 // No allocation in the steady state: once the first writes have grown every
 // array to its size, a thousand further writes must not touch the heap, in
 // any mode. The global allocation functions are replaced in this binary and
-// count every call made while the count is switched on.
+// count every call; a test reads the count before and after its writes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,88 +12,10 @@
 #include <new>
 #include <vector>
 
-#if defined(_WIN32)
-#include <malloc.h>
-#endif
-
 #include "signal/engine_state.h"
 #include "signal/pcm_conversion.h"
 #include "signal/processor.h"
-
-namespace {
-
-bool g_counting = false;
-std::size_t g_allocations = 0;
-
-void* CountedAllocate(std::size_t bytes)
-{
-    if (g_counting)
-        ++g_allocations;
-    void* p = std::malloc(bytes == 0 ? 1 : bytes);
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
-}
-
-void* CountedAllocateAligned(std::size_t bytes, std::align_val_t align)
-{
-    if (g_counting)
-        ++g_allocations;
-    const std::size_t a = std::max(std::size_t(align), sizeof(void*));
-#if defined(_WIN32)
-    void* p = _aligned_malloc(bytes == 0 ? a : bytes, a);
-    if (p == nullptr)
-        throw std::bad_alloc();
-#else
-    void* p = nullptr;
-    if (posix_memalign(&p, a, bytes == 0 ? a : bytes) != 0)
-        throw std::bad_alloc();
-#endif
-    return p;
-}
-
-}  // namespace
-
-void* operator new(std::size_t bytes) { return CountedAllocate(bytes); }
-void* operator new[](std::size_t bytes) { return CountedAllocate(bytes); }
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    try {
-        return CountedAllocate(bytes);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    try {
-        return CountedAllocate(bytes);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void* operator new(std::size_t bytes, std::align_val_t align) { return CountedAllocateAligned(bytes, align); }
-void* operator new[](std::size_t bytes, std::align_val_t align) { return CountedAllocateAligned(bytes, align); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
-namespace {
-void FreeAligned(void* p)
-{
-#if defined(_WIN32)
-    _aligned_free(p);
-#else
-    std::free(p);
-#endif
-}
-}  // namespace
-void operator delete(void* p, std::align_val_t) noexcept { FreeAligned(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { FreeAligned(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { FreeAligned(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { FreeAligned(p); }
+#include "tests/support/counting_heap.h"
 
 namespace {
 
@@ -153,14 +75,12 @@ std::size_t CountSteadyStateAllocations(int32_t mode, uint32_t channels, int32_t
         uint32_t frames = kWriteSizes[write % 6];
         ConvertAndProcess(stream, source.data(), frames);
     }
-    g_allocations = 0;
-    g_counting = true;
+    const std::size_t before = g_allocations;
     for (int counted = 0; counted < kCountedWrites; ++counted, ++write) {
         uint32_t frames = kWriteSizes[write % 6];
         ConvertAndProcess(stream, source.data(), frames);
     }
-    g_counting = false;
-    return g_allocations;
+    return g_allocations - before;
 }
 
 TEST(SteadyState, CountingSeesTheFirstWriteAllocate)
@@ -170,12 +90,10 @@ TEST(SteadyState, CountingSeesTheFirstWriteAllocate)
     PcmBlock.Release();
     SetSettings(0);
     const std::vector<uint8_t> source = MakeSource(2);
-    g_allocations = 0;
-    g_counting = true;
+    const std::size_t before = g_allocations;
     uint32_t frames = 576;
     ConvertAndProcess(StreamWords{2, 16, 44100, 16}, source.data(), frames);
-    g_counting = false;
-    EXPECT_GE(g_allocations, 2u);
+    EXPECT_GE(g_allocations - before, 2u);
 }
 
 TEST(SteadyState, Bypass_NoAllocation)

@@ -16,62 +16,9 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
+#include "tests/support/counting_heap.h"
 
 namespace {
-
-enum class HeapEventKind { Allocate, Free };
-
-struct HeapEvent {
-    HeapEventKind kind;
-    void* pointer;
-    std::size_t bytes;  // requested bytes of an allocation; 0 for a release
-};
-
-// A fixed log, so that recording never allocates.
-constexpr int kMaxEvents = 64;
-HeapEvent g_events[kMaxEvents];
-int g_eventCount = 0;
-bool g_recording = false;
-
-void Record(HeapEventKind kind, void* pointer, std::size_t bytes)
-{
-    if (!g_recording)
-        return;
-    if (g_eventCount < kMaxEvents)
-        g_events[g_eventCount] = HeapEvent{kind, pointer, bytes};
-    ++g_eventCount;
-}
-
-void* CountedAllocate(std::size_t bytes)
-{
-    // Record the request before trying it, so that a refused request shows too.
-    void* p = bytes <= SIZE_MAX - 16 ? std::malloc(bytes == 0 ? 1 : bytes) : nullptr;
-    Record(HeapEventKind::Allocate, p, bytes);
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
-}
-
-void CountedFree(void* p)
-{
-    if (p == nullptr)
-        return;
-    Record(HeapEventKind::Free, p, 0);
-    std::free(p);
-}
-
-// Starts a fresh log.
-void StartRecording()
-{
-    g_eventCount = 0;
-    g_recording = true;
-}
-
-int StopRecording()
-{
-    g_recording = false;
-    return g_eventCount;
-}
 
 // A block with `n` floats allocated, filled with 1000 + index, size n.
 void FillRamp(SampleBlock& block, uint32_t count)
@@ -81,31 +28,6 @@ void FillRamp(SampleBlock& block, uint32_t count)
 }
 
 }  // namespace
-
-void* operator new(std::size_t bytes) { return CountedAllocate(bytes); }
-void* operator new[](std::size_t bytes) { return CountedAllocate(bytes); }
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    try {
-        return CountedAllocate(bytes);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    try {
-        return CountedAllocate(bytes);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void operator delete(void* p) noexcept { CountedFree(p); }
-void operator delete[](void* p) noexcept { CountedFree(p); }
-void operator delete(void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { CountedFree(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { CountedFree(p); }
 
 // ---------------------------------------------------------------------------
 // Resize

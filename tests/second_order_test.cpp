@@ -11,6 +11,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "filters/second_order.h"
@@ -18,87 +19,24 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
+#include "tests/support/direct_dft.h"
+#include "tests/support/frame_block.h"
+#include "tests/support/reference_filters.h"
+#include "tests/support/test_signal.h"
 
 namespace {
 
 constexpr float kSmootherCutoff = 7.95f;  // 7.949999809265137 Hz
-constexpr float kFloatPi = 3.14159274f;   // 3.1415927410125732
-constexpr float kSqrtTwo = 1.41421354f;   // 1.4142135381698608
-constexpr double kPi = 3.14159265358979323846;
+constexpr SignalMix kSignal{0.5, 0.031, 0.3, 0.47, 0.2};
 
-// Coefficient steps in their fixed order: w and the tangent in
-// double, one rounding, then float operations one at a time.
-SectionCoefficients ReferenceCoefficients(float cutoff, int32_t rate, bool lowPass)
-{
-    const double w = double(cutoff) * double(kFloatPi) / double(rate);
-    SectionCoefficients k{};
-    k.c = lowPass ? float(1.0 / std::tan(w)) : float(std::tan(w));
-    const float D = (k.c + kSqrtTwo) * k.c + 1.0f;
-    k.a = 1.0f / D;
-    const float q = k.c * k.c;
-    const float e = (1.0f - k.c * kSqrtTwo) + q;
-    k.B1 = lowPass ? ((1.0f - q) * k.a) * 2.0f : ((q - 1.0f) * k.a) * 2.0f;
-    k.B2 = e * k.a;
-    return k;
-}
-
-// One sample of each recursion, in its fixed evaluation order.
-float ReferenceHighPassStep(FilterState& m, float x, const SectionCoefficients& k)
-{
-    float t = m.x2 - (m.x1 * 2.0f);
-    t = t + x;
-    t = t * k.a;
-    t = t - (m.y1 * k.B1);
-    const float y = t - (m.y2 * k.B2);
-    m.x2 = m.x1;
-    m.y2 = m.y1;
-    m.x1 = x;
-    m.y1 = y;
-    return y;
-}
-
-float ReferenceLowPassStep(FilterState& m, float x, const SectionCoefficients& k)
-{
-    float t = (m.x1 * 2.0f) + x;
-    t = t + m.x2;
-    t = t * k.a;
-    t = t - (m.y1 * k.B1);
-    const float y = t - (m.y2 * k.B2);
-    m.x2 = m.x1;
-    m.y2 = m.y1;
-    m.x1 = x;
-    m.y1 = y;
-    return y;
-}
-
-// A deterministic test signal: two sines and a little pseudo-random noise.
 std::vector<float> TestSignal(uint32_t count, uint32_t seed)
 {
-    std::vector<float> out(count);
-    uint32_t state = seed * 2654435761u + 1u;
-    for (uint32_t i = 0; i < count; ++i) {
-        state = state * 1664525u + 1013904223u;
-        const double noise = double(state >> 8) / double(1u << 24) - 0.5;
-        out[i] = float(0.5 * std::sin(0.031 * i + seed) + 0.3 * std::sin(0.47 * i) + 0.2 * noise);
-    }
-    return out;
+    return MixedSignal(count, seed, kSignal);
 }
 
 ProcessorBlock MakeBlock(SampleBlock& frames, uint32_t count, int32_t rate)
 {
-    ProcessorBlock block{};
-    block.Mode = 3;
-    block.L = block.R = block.C = block.SL = block.SR = 1;
-    block.In_Channels = 2;
-    block.Sample_Rate = rate;
-    block.Frames = count;
-    block.Block = &frames;
-    return block;
-}
-
-bool SameMemory(const FilterState& a, const FilterState& b)
-{
-    return a.x1 == b.x1 && a.x2 == b.x2 && a.y1 == b.y1 && a.y2 == b.y2;
+    return StereoRecord(frames, count, rate, 3);
 }
 
 // Runs a constant through LowPass2 at the smoother's cut-off from zero memory,
@@ -146,17 +84,21 @@ void ExpectWandersBetween(float input, int32_t rate, double lo, double hi, doubl
     EXPECT_GE(double(*maxIt) - double(*minIt), 0.5 * (hi - lo));
 }
 
-// Magnitude of the float impulse response at frequency f, by a direct DFT in
-// double precision.
+// Every coefficient of `got` equal to the float of `want`.
+void ExpectCoefficients(const SectionCoefficients& got, const SectionCoefficients& want, const std::string& label)
+{
+    EXPECT_EQ(got.c, want.c) << label;
+    EXPECT_EQ(got.a, want.a) << label;
+    EXPECT_EQ(got.B1, want.B1) << label;
+    EXPECT_EQ(got.B2, want.B2) << label;
+}
+
+// Magnitude of the float impulse response at frequency f.
 double ResponseMagnitude(const std::vector<float>& h, double f, int32_t rate)
 {
-    double re = 0.0;
-    double im = 0.0;
-    for (size_t n = 0; n < h.size(); ++n) {
-        const double phase = -2.0 * kPi * f * double(n) / double(rate);
-        re += double(h[n]) * std::cos(phase);
-        im += double(h[n]) * std::sin(phase);
-    }
+    double re;
+    double im;
+    DirectDft(h, f, double(rate), re, im);
     return std::hypot(re, im);
 }
 
@@ -168,20 +110,14 @@ double ResponseMagnitude(const std::vector<float>& h, double f, int32_t rate)
 // equality with that float checks every quoted digit.
 TEST(SectionCoefficients, SmootherAt44100IsC1765_71875A3_2048604eMinus7B1Minus1_9983982B2_0_9983995)
 {
-    const SectionCoefficients k = LowPassCoefficients(kSmootherCutoff, 44100);
-    EXPECT_EQ(k.c, 1765.71875f);
-    EXPECT_EQ(k.a, 3.2048604e-07f);
-    EXPECT_EQ(k.B1, -1.9983982f);
-    EXPECT_EQ(k.B2, 0.9983995f);
+    ExpectCoefficients(LowPassCoefficients(kSmootherCutoff, 44100),
+                       SectionCoefficients{1765.71875f, 3.2048604e-07f, -1.9983982f, 0.9983995f}, "");
 }
 
 TEST(SectionCoefficients, SmootherAt48000IsC1921_8708A2_7054034eMinus7B1Minus1_9985282B2_0_9985294)
 {
-    const SectionCoefficients k = LowPassCoefficients(kSmootherCutoff, 48000);
-    EXPECT_EQ(k.c, 1921.8708f);
-    EXPECT_EQ(k.a, 2.7054034e-07f);
-    EXPECT_EQ(k.B1, -1.9985282f);
-    EXPECT_EQ(k.B2, 0.9985294f);
+    ExpectCoefficients(LowPassCoefficients(kSmootherCutoff, 48000),
+                       SectionCoefficients{1921.8708f, 2.7054034e-07f, -1.9985282f, 0.9985294f}, "");
 }
 
 TEST(SectionCoefficients, SmootherDcGainOfRoundedCoefficientsFallsShortOfOne)
@@ -203,28 +139,17 @@ TEST(SectionCoefficients, BothFormsFollowTheFloatStepsExactly)
     const Case cases[] = {{1200.0f, 44100}, {100.0f, 48000}, {7000.0f, 44100}, {120.0f, 32000},
                           {7.95f, 22050},   {7000.0f, 14000}, {20000.0f, 44100}, {55.0f, 96000}};
     for (const Case& c : cases) {
-        const SectionCoefficients hp = HighPassCoefficients(c.cutoff, c.rate);
-        const SectionCoefficients hpRef = ReferenceCoefficients(c.cutoff, c.rate, false);
-        EXPECT_EQ(hp.c, hpRef.c) << c.cutoff << " Hz at " << c.rate;
-        EXPECT_EQ(hp.a, hpRef.a) << c.cutoff << " Hz at " << c.rate;
-        EXPECT_EQ(hp.B1, hpRef.B1) << c.cutoff << " Hz at " << c.rate;
-        EXPECT_EQ(hp.B2, hpRef.B2) << c.cutoff << " Hz at " << c.rate;
-        const SectionCoefficients lp = LowPassCoefficients(c.cutoff, c.rate);
-        const SectionCoefficients lpRef = ReferenceCoefficients(c.cutoff, c.rate, true);
-        EXPECT_EQ(lp.c, lpRef.c) << c.cutoff << " Hz at " << c.rate;
-        EXPECT_EQ(lp.a, lpRef.a) << c.cutoff << " Hz at " << c.rate;
-        EXPECT_EQ(lp.B1, lpRef.B1) << c.cutoff << " Hz at " << c.rate;
-        EXPECT_EQ(lp.B2, lpRef.B2) << c.cutoff << " Hz at " << c.rate;
+        const std::string at = std::to_string(c.cutoff) + " Hz at " + std::to_string(c.rate);
+        ExpectCoefficients(HighPassCoefficients(c.cutoff, c.rate), ReferenceCoefficients(c.cutoff, c.rate, false),
+                           "high-pass " + at);
+        ExpectCoefficients(LowPassCoefficients(c.cutoff, c.rate), ReferenceCoefficients(c.cutoff, c.rate, true),
+                           "low-pass " + at);
     }
 }
 
 TEST(SectionCoefficients, HighPassAtCutOffZeroIsTheIdentitySection)
 {
-    const SectionCoefficients k = HighPassCoefficients(0.0f, 44100);
-    EXPECT_EQ(k.c, 0.0f);
-    EXPECT_EQ(k.a, 1.0f);
-    EXPECT_EQ(k.B1, -2.0f);
-    EXPECT_EQ(k.B2, 1.0f);
+    ExpectCoefficients(HighPassCoefficients(0.0f, 44100), SectionCoefficients{0.0f, 1.0f, -2.0f, 1.0f}, "");
 }
 
 // ---- The recursion -----------------------------------------------------------

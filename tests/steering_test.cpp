@@ -18,13 +18,14 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
+#include "tests/support/frame_block.h"
+#include "tests/support/reference_filters.h"
+#include "tests/support/test_signal.h"
 
 namespace {
 
 constexpr float kLeak = 0.1f;  // 0.10000000149011612
 constexpr float kSmoother = 7.95f;
-constexpr float kFloatPi = 3.14159274f;
-constexpr float kSqrtTwo = 1.41421354f;
 constexpr double kLn10 = 2.302585092994046;
 
 float Magnitude(float v)
@@ -55,79 +56,16 @@ double Ulp(float v)
     return double(std::nextafter(std::fabs(v), FLT_MAX)) - double(std::fabs(v));
 }
 
-struct Section {
-    float a;
-    float B1;
-    float B2;
-    FilterState m;
-};
-
-Section MakeSection(float cutoff, int32_t rate, bool lowPass)
-{
-    const double w = double(cutoff) * double(kFloatPi) / double(rate);
-    const float c = lowPass ? float(1.0 / std::tan(w)) : float(std::tan(w));
-    const float D = (c + kSqrtTwo) * c + 1.0f;
-    const float a = 1.0f / D;
-    const float q = c * c;
-    const float e = (1.0f - c * kSqrtTwo) + q;
-    Section s{};
-    s.a = a;
-    s.B1 = lowPass ? ((1.0f - q) * a) * 2.0f : ((q - 1.0f) * a) * 2.0f;
-    s.B2 = e * a;
-    return s;
-}
-
-float LowPassStep(Section& f, float x)
-{
-    float t = (f.m.x1 * 2.0f) + x;
-    t = t + f.m.x2;
-    t = t * f.a;
-    t = t - (f.m.y1 * f.B1);
-    const float y = t - (f.m.y2 * f.B2);
-    f.m.x2 = f.m.x1;
-    f.m.y2 = f.m.y1;
-    f.m.x1 = x;
-    f.m.y1 = y;
-    return y;
-}
-
-float HighPassStep(Section& f, float x)
-{
-    float t = f.m.x2 - (f.m.x1 * 2.0f);
-    t = t + x;
-    t = t * f.a;
-    t = t - (f.m.y1 * f.B1);
-    const float y = t - (f.m.y2 * f.B2);
-    f.m.x2 = f.m.x1;
-    f.m.y2 = f.m.y1;
-    f.m.x1 = x;
-    f.m.y1 = y;
-    return y;
-}
+constexpr SignalMix kSignal{0.6, 0.017, 0.0, 0.0, 0.4};
 
 std::vector<float> TestSignal(uint32_t count, uint32_t seed)
 {
-    std::vector<float> out(count);
-    uint32_t state = seed * 2654435761u + 1u;
-    for (uint32_t i = 0; i < count; ++i) {
-        state = state * 1664525u + 1013904223u;
-        const double noise = double(state >> 8) / double(1u << 24) - 0.5;
-        out[i] = float(0.6 * std::sin(0.017 * i + seed) + 0.4 * noise);
-    }
-    return out;
+    return MixedSignal(count, seed, kSignal);
 }
 
 ProcessorBlock MakeBlock(SampleBlock& frames, uint32_t count, int32_t rate)
 {
-    ProcessorBlock block{};
-    block.Mode = 3;
-    block.L = block.R = block.C = block.SL = block.SR = 1;
-    block.Surround_Trim_00 = 3;
-    block.In_Channels = 2;
-    block.Sample_Rate = rate;
-    block.Frames = count;
-    block.Block = &frames;
-    return block;
+    return StereoRecord(frames, count, rate, 3);
 }
 
 // Runs a constant stereo pair through SteeringDetect for `total` frames in
@@ -260,14 +198,14 @@ TEST(SteeringDetect, SmoothsTheRawValuesWithTheFloat7_95HzLowPass)
         yState = FilterState{};
         const ProcessorBlock block = MakeBlock(unused, kCount, rate);
         SteeringDetect(block, signal.data(), xState, yState, x.data(), y.data());
-        Section xs = MakeSection(kSmoother, rate, true);
-        Section ys = MakeSection(kSmoother, rate, true);
+        ReferenceSection xs = ReferenceLowPass(kSmoother, rate);
+        ReferenceSection ys = ReferenceLowPass(kSmoother, rate);
         for (uint32_t i = 0; i < kCount; ++i) {
             float xr = 0.0f;
             float yr = 0.0f;
             SteeringPair(signal[2 * i], signal[2 * i + 1], xr, yr);
-            ASSERT_EQ(x[i], LowPassStep(xs, xr)) << rate << " Hz, frame " << i;
-            ASSERT_EQ(y[i], LowPassStep(ys, yr)) << rate << " Hz, frame " << i;
+            ASSERT_EQ(x[i], ReferenceStep(xs, xr)) << rate << " Hz, frame " << i;
+            ASSERT_EQ(y[i], ReferenceStep(ys, yr)) << rate << " Hz, frame " << i;
         }
         EXPECT_EQ(xState.y1, xs.m.y1);
         EXPECT_EQ(yState.y1, ys.m.y1);
@@ -340,10 +278,10 @@ TEST(SteeringDetect, HardLeftFollowsTheFloatSmootherOfTheBound)
         float zero = 1.0f;
         SteeringPair(1.0f, 0.0f, bound, zero);
         ASSERT_EQ(bound, 2.30258512f);
-        Section ref = MakeSection(kSmoother, rate, true);
+        ReferenceSection ref = ReferenceLowPass(kSmoother, rate);
         std::vector<float> expected;
         for (uint32_t i = 0; i < kTotal; ++i) {
-            const float v = LowPassStep(ref, bound);
+            const float v = ReferenceStep(ref, bound);
             if (i >= kTotal - kChunk)
                 expected.push_back(v);
         }
@@ -376,13 +314,13 @@ TEST(BandSplit, HighBandIsThe1200HzHighPassAndLowBandTheRest)
     EngineState.LowBand.Resize(2 * kCount, false);
     BandSplit(block);
 
-    Section left = MakeSection(1200.0f, 44100, false);
-    Section right = MakeSection(1200.0f, 44100, false);
+    ReferenceSection left = ReferenceHighPass(1200.0f, 44100);
+    ReferenceSection right = ReferenceHighPass(1200.0f, 44100);
     for (uint32_t i = 0; i < kCount; ++i) {
         const float l = signal[6 * i];
         const float r = signal[6 * i + 1];
-        const float hl = HighPassStep(left, l);
-        const float hr = HighPassStep(right, r);
+        const float hl = ReferenceStep(left, l);
+        const float hr = ReferenceStep(right, r);
         ASSERT_EQ(EngineState.HighBand.data[2 * i], hl) << "frame " << i;
         ASSERT_EQ(EngineState.HighBand.data[2 * i + 1], hr) << "frame " << i;
         ASSERT_EQ(EngineState.LowBand.data[2 * i], l - hl) << "frame " << i;

@@ -18,124 +18,34 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
-
-namespace {
-long gAllocations = 0;  // calls of the global operator new in this process
-}  // namespace
-
-void* operator new(std::size_t bytes)
-{
-    ++gAllocations;
-    if (void* p = std::malloc(bytes == 0 ? 1 : bytes))
-        return p;
-    throw std::bad_alloc();
-}
-
-void operator delete(void* p) noexcept
-{
-    std::free(p);
-}
-
-void operator delete(void* p, std::size_t) noexcept
-{
-    std::free(p);
-}
+#include "tests/support/counting_heap.h"
+#include "tests/support/frame_block.h"
+#include "tests/support/reference_filters.h"
+#include "tests/support/test_signal.h"
 
 namespace {
 
-constexpr float kFloatPi = 3.14159274f;
-constexpr float kSqrtTwo = 1.41421354f;
 constexpr float kSurroundCutoff = 7000.0f;
-
-struct LowPassReference {
-    float a;
-    float B1;
-    float B2;
-    FilterState m;
-};
-
-// The low-pass coefficient steps and recursion, spelled out in float.
-LowPassReference MakeLowPass(float cutoff, int32_t rate)
-{
-    const double w = double(cutoff) * double(kFloatPi) / double(rate);
-    const float c = float(1.0 / std::tan(w));
-    const float D = (c + kSqrtTwo) * c + 1.0f;
-    const float a = 1.0f / D;
-    const float q = c * c;
-    const float e = (1.0f - c * kSqrtTwo) + q;
-    LowPassReference ref{};
-    ref.a = a;
-    ref.B1 = ((1.0f - q) * a) * 2.0f;
-    ref.B2 = e * a;
-    return ref;
-}
-
-float LowPassStep(LowPassReference& f, float x)
-{
-    float t = (f.m.x1 * 2.0f) + x;
-    t = t + f.m.x2;
-    t = t * f.a;
-    t = t - (f.m.y1 * f.B1);
-    const float y = t - (f.m.y2 * f.B2);
-    f.m.x2 = f.m.x1;
-    f.m.y2 = f.m.y1;
-    f.m.x1 = x;
-    f.m.y1 = y;
-    return y;
-}
+constexpr SignalMix kSignal{0.6, 0.05, 0.0, 0.0, 0.3};
 
 std::vector<float> LowPassed(const std::vector<float>& in, int32_t rate)
 {
-    LowPassReference f = MakeLowPass(kSurroundCutoff, rate);
+    ReferenceSection f = ReferenceLowPass(kSurroundCutoff, rate);
     std::vector<float> out(in.size());
     for (size_t i = 0; i < in.size(); ++i)
-        out[i] = LowPassStep(f, in[i]);
+        out[i] = ReferenceStep(f, in[i]);
     return out;
 }
 
 std::vector<float> TestSignal(uint32_t count, uint32_t seed)
 {
-    std::vector<float> out(count);
-    uint32_t state = seed * 2654435761u + 1u;
-    for (uint32_t i = 0; i < count; ++i) {
-        state = state * 1664525u + 1013904223u;
-        const double noise = double(state >> 8) / double(1u << 24) - 0.5;
-        out[i] = float(0.6 * std::sin(0.05 * i + seed) + 0.3 * noise);
-    }
-    return out;
+    return MixedSignal(count, seed, kSignal);
 }
 
 // Frames whose slot s of frame i holds channel s of the given signals.
-struct Frames {
-    SampleBlock block;
-    ProcessorBlock pb{};
-
-    Frames(uint32_t count, int32_t rate)
-    {
-        block.Resize(count * kFrameFloats, true);
-        pb.Mode = 3;
-        pb.L = pb.R = pb.C = pb.SL = pb.SR = 1;
-        pb.Surround_Trim_00 = 3;
-        pb.In_Channels = 2;
-        pb.Sample_Rate = rate;
-        pb.Frames = count;
-        pb.Block = &block;
-    }
-    float& at(uint32_t frame, uint32_t slot) { return block.data[frame * kFrameFloats + slot]; }
-    void Fill(uint32_t slot, const std::vector<float>& values)
-    {
-        for (uint32_t i = 0; i < pb.Frames; ++i)
-            at(i, slot) = values[i];
-    }
+struct Frames : FrameBlock {
+    Frames(uint32_t count, int32_t rate) : FrameBlock(count, rate, 3) {}
 };
-
-// Reset, and give the rings back so that each test starts from the made state.
-void FreshEngine()
-{
-    EngineReset();
-    EngineState.SurroundDelayLine[0].Release();
-    EngineState.SurroundDelayLine[1].Release();
-}
 
 struct TableRow {
     int32_t delayMs;
@@ -203,7 +113,7 @@ TEST(SurroundTail, TenMsAt44100GivesSilenceFor440SamplesThenTheLowPassedInput)
         ASSERT_EQ(f.at(i, kSlotSR), 0.0f) << "frame " << i;
     }
     // From zero memory the first low-passed sample is the input times a.
-    EXPECT_EQ(f.at(440, kSlotSL), left[0] * MakeLowPass(kSurroundCutoff, 44100).a);
+    EXPECT_EQ(f.at(440, kSlotSL), left[0] * ReferenceLowPass(kSurroundCutoff, 44100).k.a);
     for (uint32_t i = 440; i < kCount; ++i) {
         ASSERT_EQ(f.at(i, kSlotSL), leftLp[i - 440]) << "frame " << i;
         ASSERT_EQ(f.at(i, kSlotSR), rightLp[i - 440]) << "frame " << i;
@@ -262,9 +172,9 @@ TEST(DelayRun, TwentyToTenMsAt44100KeepsTheArrayAndClearsTheFirst440Cells)
     const float* array = line.data;
 
     Frames empty(0, 44100);
-    const long before = gAllocations;
+    const std::size_t before = g_allocations;
     DelayRun(line, 10000, empty.pb, empty.block.data, kSlotSL);
-    EXPECT_EQ(gAllocations, before);
+    EXPECT_EQ(g_allocations, before);
     EXPECT_EQ(line.data, array);
     EXPECT_EQ(line.size, 440u);
     EXPECT_EQ(line.capacity, 881u);
@@ -286,9 +196,9 @@ TEST(DelayRun, TenToTwentyMsWithCapacityAlreadyThereClearsWithoutAllocating)
     const float* array = line.data;
 
     Frames empty(0, 44100);
-    const long before = gAllocations;
+    const std::size_t before = g_allocations;
     DelayRun(line, 20000, empty.pb, empty.block.data, kSlotSL);
-    EXPECT_EQ(gAllocations, before);
+    EXPECT_EQ(g_allocations, before);
     EXPECT_EQ(line.data, array);
     EXPECT_EQ(line.size, 881u);
     EXPECT_EQ(line.capacity, 881u);
@@ -303,9 +213,9 @@ TEST(DelayRun, TenToTwentyMsFromCapacity440GrowsToExactly881)
     Frames f(100, 44100);
     DelayRun(line, 10000, f.pb, f.block.data, kSlotSL);
     ASSERT_EQ(line.capacity, 440u);
-    const long before = gAllocations;
+    const std::size_t before = g_allocations;
     DelayRun(line, 20000, f.pb, f.block.data, kSlotSL);
-    EXPECT_EQ(gAllocations, before + 1);
+    EXPECT_EQ(g_allocations, before + 1);
     EXPECT_EQ(line.size, 881u);
     EXPECT_EQ(line.capacity, 881u);
 }
@@ -321,9 +231,9 @@ TEST(DelayRun, SameLengthKeepsContentsAndPosition)
     const std::vector<float> ring(line.data, line.data + 440);
 
     Frames empty(0, 44100);
-    const long before = gAllocations;
+    const std::size_t before = g_allocations;
     DelayRun(line, 10000, empty.pb, empty.block.data, kSlotSL);
-    EXPECT_EQ(gAllocations, before);
+    EXPECT_EQ(g_allocations, before);
     EXPECT_EQ(line.position, 1000u % 440u);
     for (uint32_t i = 0; i < 440; ++i)
         ASSERT_EQ(line.data[i], ring[i]) << "cell " << i;
