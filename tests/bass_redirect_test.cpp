@@ -16,11 +16,12 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
+#include "tests/support/frame_block.h"
+#include "tests/support/reference_filters.h"
+#include "tests/support/test_signal.h"
 
 namespace {
 
-constexpr float kFloatPi = 3.14159274f;
-constexpr float kSqrtTwo = 1.41421354f;
 constexpr float kBassDrop = 0.316f;      // 0.316000015
 constexpr float kDecibelStep = 0.05f;    // 0.05000000074505806
 
@@ -31,85 +32,26 @@ float ExpectedGain(int32_t trim, int32_t invert)
     return float(std::pow(10.0, double(trim) * double(kDecibelStep)) * sign * double(kBassDrop));
 }
 
-struct HighPassReference {
-    float a;
-    float B1;
-    float B2;
-    FilterState m;
-};
-
-HighPassReference MakeHighPass(float cutoff, int32_t rate)
-{
-    const double w = double(cutoff) * double(kFloatPi) / double(rate);
-    const float c = float(std::tan(w));
-    const float D = (c + kSqrtTwo) * c + 1.0f;
-    const float a = 1.0f / D;
-    const float q = c * c;
-    const float e = (1.0f - c * kSqrtTwo) + q;
-    HighPassReference ref{};
-    ref.a = a;
-    ref.B1 = ((q - 1.0f) * a) * 2.0f;
-    ref.B2 = e * a;
-    return ref;
-}
-
-float HighPassStep(HighPassReference& f, float x)
-{
-    float t = f.m.x2 - (f.m.x1 * 2.0f);
-    t = t + x;
-    t = t * f.a;
-    t = t - (f.m.y1 * f.B1);
-    const float y = t - (f.m.y2 * f.B2);
-    f.m.x2 = f.m.x1;
-    f.m.y2 = f.m.y1;
-    f.m.x1 = x;
-    f.m.y1 = y;
-    return y;
-}
+constexpr SignalMix kSignal{0.6, 0.013, 0.0, 0.0, 0.3};
 
 std::vector<float> TestSignal(uint32_t count, uint32_t seed)
 {
-    std::vector<float> out(count);
-    uint32_t state = seed * 2654435761u + 1u;
-    for (uint32_t i = 0; i < count; ++i) {
-        state = state * 1664525u + 1013904223u;
-        const double noise = double(state >> 8) / double(1u << 24) - 0.5;
-        out[i] = float(0.6 * std::sin(0.013 * i + seed) + 0.3 * noise);
-    }
-    return out;
+    return MixedSignal(count, seed, kSignal);
 }
 
-struct Frames {
-    SampleBlock block;
-    ProcessorBlock pb{};
-
-    Frames(uint32_t count, int32_t rate)
+struct Frames : FrameBlock {
+    Frames(uint32_t count, int32_t rate) : FrameBlock(count, rate, 3)
     {
-        block.Resize(count * kFrameFloats, true);
-        pb.Mode = 3;
-        pb.L = pb.R = pb.C = pb.SL = pb.SR = 1;
-        pb.Surround_Trim_00 = 3;
         pb.Bass_Redir = 120;
         pb.Bass_Redir_Enable = 1;
-        pb.In_Channels = 2;
-        pb.Sample_Rate = rate;
-        pb.Frames = count;
-        pb.Block = &block;
     }
-    float& at(uint32_t frame, uint32_t slot) { return block.data[frame * kFrameFloats + slot]; }
     void FillAll(uint32_t seed)
     {
         const std::vector<float> s = TestSignal(pb.Frames * kFrameFloats, seed);
         for (uint32_t i = 0; i < pb.Frames * kFrameFloats; ++i)
             block.data[i] = s[i];
     }
-    std::vector<float> Copy() const { return std::vector<float>(block.data, block.data + pb.Frames * kFrameFloats); }
 };
-
-bool SameMemory(const FilterState& a, const FilterState& b)
-{
-    return a.x1 == b.x1 && a.x2 == b.x2 && a.y1 == b.y1 && a.y2 == b.y2;
-}
 
 // The whole stage written out: split high-pass on slots 0, 1, 2 from zero
 // memory, the residuals summed per frame, slot 3 = (sum x gain) + slot 3.
@@ -119,10 +61,10 @@ std::vector<float> ReferenceStage(const std::vector<float>& in, uint32_t frames,
     std::vector<float> out = in;
     std::vector<float> sum(frames, 0.0f);
     for (uint32_t s = 0; s < 3; ++s) {
-        HighPassReference f = MakeHighPass(float(cutoff), rate);
+        ReferenceSection f = ReferenceHighPass(float(cutoff), rate);
         for (uint32_t i = 0; i < frames; ++i) {
             const float x = out[6 * i + s];
-            const float y = HighPassStep(f, x);
+            const float y = ReferenceStep(f, x);
             out[6 * i + s] = y;
             const float d = x - y;
             sum[i] = d + sum[i];

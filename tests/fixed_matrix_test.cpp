@@ -18,6 +18,8 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
+#include "tests/support/frame_block.h"
+#include "tests/support/test_signal.h"
 
 namespace {
 
@@ -29,53 +31,21 @@ float Gain(int32_t trim)
     return float(std::pow(10.0, double(trim) * double(kDecibelStep)));
 }
 
+constexpr SignalMix kSignal{0.6, 0.021, 0.0, 0.0, 0.4};
+
 std::vector<float> TestSignal(uint32_t count, uint32_t seed)
 {
-    std::vector<float> out(count);
-    uint32_t state = seed * 2654435761u + 1u;
-    for (uint32_t i = 0; i < count; ++i) {
-        state = state * 1664525u + 1013904223u;
-        const double noise = double(state >> 8) / double(1u << 24) - 0.5;
-        out[i] = float(0.6 * std::sin(0.021 * i + seed) + 0.4 * noise);
-    }
-    return out;
+    return MixedSignal(count, seed, kSignal);
 }
 
-struct Frames {
-    SampleBlock block;
-    ProcessorBlock pb{};
-
-    Frames(uint32_t count, int32_t rate)
-    {
-        block.Resize(count * kFrameFloats, true);
-        pb.Mode = 1;
-        pb.L = pb.R = pb.C = pb.SL = pb.SR = 1;
-        pb.Surround_Trim_00 = 3;  // a stored 0, as the dispatcher hands it on
-        pb.Bass_Redir = 120;
-        pb.In_Channels = 2;
-        pb.Sample_Rate = rate;
-        pb.Frames = count;
-        pb.Block = &block;
-    }
-    float& at(uint32_t frame, uint32_t slot) { return block.data[frame * kFrameFloats + slot]; }
+struct Frames : FrameBlock {
+    Frames(uint32_t count, int32_t rate) : FrameBlock(count, rate, 1) { pb.Bass_Redir = 120; }
     // Stereo input with stale values in slots 2 to 5, which the matrix overwrites unread.
     void FillStereo(const std::vector<float>& left, const std::vector<float>& right)
     {
-        for (uint32_t i = 0; i < pb.Frames; ++i) {
-            at(i, 0) = left[i];
-            at(i, 1) = right[i];
-            for (uint32_t s = 2; s < kFrameFloats; ++s)
-                at(i, s) = 100.0f + float(s);
-        }
+        FrameBlock::FillStereo(left, right, 100.0f);
     }
 };
-
-void FreshEngine()
-{
-    EngineReset();
-    EngineState.SurroundDelayLine[0].Release();
-    EngineState.SurroundDelayLine[1].Release();
-}
 
 // The decoder written out for one frame, before the tail.
 void ReferenceFrame(const ProcessorBlock& pb, float lin, float rin, float out[6])

@@ -19,6 +19,10 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
+#include "tests/support/direct_dft.h"
+#include "tests/support/frame_block.h"
+#include "tests/support/reference_filters.h"
+#include "tests/support/test_signal.h"
 
 namespace {
 
@@ -26,51 +30,6 @@ constexpr float kMixGain = 0.707f;         // 0.7070000171661377
 constexpr float kLfeShare = 0.33333334f;   // 0.3333333432674408
 constexpr float kLfeGain = 3.162f;         // 3.1619999408721924
 constexpr float kChain[4] = {0.1617585f, 0.7330289f, 0.94534963f, 0.99059916f};
-constexpr float kFloatPi = 3.14159274f;
-constexpr float kSqrtTwo = 1.41421354f;
-constexpr double kPi = 3.14159265358979323846;
-
-struct Section {
-    float a;
-    float B1;
-    float B2;
-    FilterState m;
-};
-
-Section MakeSection(float cutoff, int32_t rate, bool lowPass)
-{
-    const double w = double(cutoff) * double(kFloatPi) / double(rate);
-    const float c = lowPass ? float(1.0 / std::tan(w)) : float(std::tan(w));
-    const float D = (c + kSqrtTwo) * c + 1.0f;
-    const float a = 1.0f / D;
-    const float q = c * c;
-    const float e = (1.0f - c * kSqrtTwo) + q;
-    Section s{};
-    s.a = a;
-    s.B1 = lowPass ? ((1.0f - q) * a) * 2.0f : ((q - 1.0f) * a) * 2.0f;
-    s.B2 = e * a;
-    return s;
-}
-
-float Step(Section& f, float x, bool lowPass)
-{
-    float t;
-    if (lowPass) {
-        t = (f.m.x1 * 2.0f) + x;
-        t = t + f.m.x2;
-    } else {
-        t = f.m.x2 - (f.m.x1 * 2.0f);
-        t = t + x;
-    }
-    t = t * f.a;
-    t = t - (f.m.y1 * f.B1);
-    const float y = t - (f.m.y2 * f.B2);
-    f.m.x2 = f.m.x1;
-    f.m.y2 = f.m.y1;
-    f.m.x1 = x;
-    f.m.y1 = y;
-    return y;
-}
 
 // The four all-pass steps of one sample on one shared memory.
 float ChainStep(FilterState& m, float v)
@@ -89,35 +48,19 @@ float ChainStep(FilterState& m, float v)
     return v;
 }
 
+constexpr SignalMix kSignal{0.5, 0.023, 0.3, 0.4, 0.2};
+
 std::vector<float> TestSignal(uint32_t count, uint32_t seed)
 {
-    std::vector<float> out(count);
-    uint32_t state = seed * 2654435761u + 1u;
-    for (uint32_t i = 0; i < count; ++i) {
-        state = state * 1664525u + 1013904223u;
-        const double noise = double(state >> 8) / double(1u << 24) - 0.5;
-        out[i] = float(0.5 * std::sin(0.023 * i + seed) + 0.3 * std::sin(0.4 * i) + 0.2 * noise);
-    }
-    return out;
+    return MixedSignal(count, seed, kSignal);
 }
 
-struct Frames {
-    SampleBlock block;
-    ProcessorBlock pb{};
-
-    Frames(uint32_t count, int32_t rate, int32_t channels)
+struct Frames : FrameBlock {
+    Frames(uint32_t count, int32_t rate, int32_t channels) : FrameBlock(count, rate, 5)
     {
-        block.Resize(count * kFrameFloats, true);
-        pb.Mode = 5;
-        pb.L = pb.R = pb.C = pb.SL = pb.SR = 1;
-        pb.Surround_Trim_00 = 3;
         pb.Bass_Redir = 120;
         pb.In_Channels = channels;
-        pb.Sample_Rate = rate;
-        pb.Frames = count;
-        pb.Block = &block;
     }
-    float& at(uint32_t frame, uint32_t slot) { return block.data[frame * kFrameFloats + slot]; }
     // Source frames as the conversion leaves them for the channel count.
     void FillSource(uint32_t seed)
     {
@@ -131,7 +74,6 @@ struct Frames {
                 at(i, kSlotLFE) = 0.0f;
         }
     }
-    std::vector<float> Copy() const { return std::vector<float>(block.data, block.data + pb.Frames * kFrameFloats); }
 };
 
 void FrontEnd(ProcessorBlock& pb)
@@ -150,13 +92,13 @@ void FrontEnd(ProcessorBlock& pb)
 }
 
 // EncodeMix written out over a block, with its three memories.
-void ReferenceEncodeMix(std::vector<float>& f, uint32_t frames, int32_t rate, Section& hp, Section& lp,
+void ReferenceEncodeMix(std::vector<float>& f, uint32_t frames, int32_t rate, ReferenceSection& hp, ReferenceSection& lp,
                         FilterState& chain)
 {
     for (uint32_t i = 0; i < frames; ++i)
-        f[6 * i + 3] = Step(hp, f[6 * i + 3], false);
+        f[6 * i + 3] = ReferenceStep(hp, f[6 * i + 3]);
     for (uint32_t i = 0; i < frames; ++i)
-        f[6 * i + 3] = Step(lp, f[6 * i + 3], true);
+        f[6 * i + 3] = ReferenceStep(lp, f[6 * i + 3]);
     for (uint32_t i = 0; i < frames; ++i)
         f[6 * i + 3] = ChainStep(chain, f[6 * i + 3]);
     for (uint32_t i = 0; i < frames; ++i) {
@@ -181,22 +123,6 @@ std::vector<float> ChainImpulseResponse(uint32_t length)
     for (uint32_t i = 0; i < length; ++i)
         h[i] = f.at(i, kSlotLFE);
     return h;
-}
-
-void Dft(const std::vector<float>& h, double f, double rate, double& re, double& im)
-{
-    re = 0.0;
-    im = 0.0;
-    for (size_t n = 0; n < h.size(); ++n) {
-        const double phase = -2.0 * kPi * f * double(n) / rate;
-        re += double(h[n]) * std::cos(phase);
-        im += double(h[n]) * std::sin(phase);
-    }
-}
-
-bool SameMemory(const FilterState& a, const FilterState& b)
-{
-    return a.x1 == b.x1 && a.x2 == b.x2 && a.y1 == b.y1 && a.y2 == b.y2;
 }
 
 const FilterState kSentinel{0.125f, -0.25f, 0.375f, -0.5f};
@@ -356,7 +282,7 @@ TEST(SurroundPhaseChain, PhaseAt44100FollowsTheTable)
     for (const auto& row : table) {
         double re = 0.0;
         double im = 0.0;
-        Dft(h, row[0], 44100.0, re, im);
+        DirectDft(h, row[0], 44100.0, re, im);
         const double degrees = std::atan2(im, re) * 180.0 / kPi;
         EXPECT_NEAR(degrees, row[1], 0.05) << row[0] << " Hz";
     }
@@ -372,7 +298,7 @@ TEST(SurroundPhaseChain, MagnitudeWithin0_03dBFrom20HzTo20kHz)
     for (double f : grid) {
         double re = 0.0;
         double im = 0.0;
-        Dft(h, f, 44100.0, re, im);
+        DirectDft(h, f, 44100.0, re, im);
         const double db = 20.0 * std::log10(std::hypot(re, im));
         EXPECT_LE(std::fabs(db), 0.03) << f << " Hz";
     }
@@ -390,8 +316,8 @@ TEST(EncodeMix, FollowsTheFloatStepsForEveryFrontEnd)
             FrontEnd(f.pb);
             std::vector<float> expected = f.Copy();
             EncodeMix(f.pb);
-            Section hp = MakeSection(100.0f, rate, false);
-            Section lp = MakeSection(7000.0f, rate, true);
+            ReferenceSection hp = ReferenceHighPass(100.0f, rate);
+            ReferenceSection lp = ReferenceLowPass(7000.0f, rate);
             FilterState chain{};
             ReferenceEncodeMix(expected, 1500, rate, hp, lp, chain);
             for (uint32_t i = 0; i < 1500 * kFrameFloats; ++i)

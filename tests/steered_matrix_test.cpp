@@ -20,6 +20,9 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
+#include "tests/support/frame_block.h"
+#include "tests/support/reference_filters.h"
+#include "tests/support/test_signal.h"
 
 namespace {
 
@@ -28,8 +31,6 @@ constexpr float kInputGain = 0.707f;  // 0.7070000171661377
 constexpr float kWidthStep = 0.00666666683f;
 constexpr float kCentreFloor = 0.333f;
 constexpr float kDecibelStep = 0.05f;
-constexpr float kFloatPi = 3.14159274f;
-constexpr float kSqrtTwo = 1.41421354f;
 
 float Gain(int32_t trim)
 {
@@ -72,95 +73,20 @@ SteeredRows ReferenceRows(const SteeringTerms& e)
     return w;
 }
 
-struct Section {
-    float a;
-    float B1;
-    float B2;
-    FilterState m;
-};
-
-Section MakeSection(float cutoff, int32_t rate, bool lowPass)
-{
-    const double w = double(cutoff) * double(kFloatPi) / double(rate);
-    const float c = lowPass ? float(1.0 / std::tan(w)) : float(std::tan(w));
-    const float D = (c + kSqrtTwo) * c + 1.0f;
-    const float a = 1.0f / D;
-    const float q = c * c;
-    const float e = (1.0f - c * kSqrtTwo) + q;
-    Section s{};
-    s.a = a;
-    s.B1 = lowPass ? ((1.0f - q) * a) * 2.0f : ((q - 1.0f) * a) * 2.0f;
-    s.B2 = e * a;
-    return s;
-}
-
-float Step(Section& f, float x, bool lowPass)
-{
-    float t;
-    if (lowPass) {
-        t = (f.m.x1 * 2.0f) + x;
-        t = t + f.m.x2;
-    } else {
-        t = f.m.x2 - (f.m.x1 * 2.0f);
-        t = t + x;
-    }
-    t = t * f.a;
-    t = t - (f.m.y1 * f.B1);
-    const float y = t - (f.m.y2 * f.B2);
-    f.m.x2 = f.m.x1;
-    f.m.y2 = f.m.y1;
-    f.m.x1 = x;
-    f.m.y1 = y;
-    return y;
-}
+constexpr SignalMix kSignal{0.5, 0.009, 0.3, 0.31, 0.2};
 
 std::vector<float> TestSignal(uint32_t count, uint32_t seed)
 {
-    std::vector<float> out(count);
-    uint32_t state = seed * 2654435761u + 1u;
-    for (uint32_t i = 0; i < count; ++i) {
-        state = state * 1664525u + 1013904223u;
-        const double noise = double(state >> 8) / double(1u << 24) - 0.5;
-        out[i] = float(0.5 * std::sin(0.009 * i + seed) + 0.3 * std::sin(0.31 * i) + 0.2 * noise);
-    }
-    return out;
+    return MixedSignal(count, seed, kSignal);
 }
 
-struct Frames {
-    SampleBlock block;
-    ProcessorBlock pb{};
-
-    Frames(uint32_t count, int32_t rate, int32_t mode)
-    {
-        block.Resize(count * kFrameFloats, true);
-        pb.Mode = mode;
-        pb.L = pb.R = pb.C = pb.SL = pb.SR = 1;
-        pb.Surround_Trim_00 = 3;  // a stored 0, as the dispatcher hands it on
-        pb.Bass_Redir = 120;
-        pb.In_Channels = 2;
-        pb.Sample_Rate = rate;
-        pb.Frames = count;
-        pb.Block = &block;
-    }
-    float& at(uint32_t frame, uint32_t slot) { return block.data[frame * kFrameFloats + slot]; }
+struct Frames : FrameBlock {
+    Frames(uint32_t count, int32_t rate, int32_t mode) : FrameBlock(count, rate, mode) { pb.Bass_Redir = 120; }
     void FillStereo(const std::vector<float>& left, const std::vector<float>& right)
     {
-        for (uint32_t i = 0; i < pb.Frames; ++i) {
-            at(i, 0) = left[i];
-            at(i, 1) = right[i];
-            for (uint32_t s = 2; s < kFrameFloats; ++s)
-                at(i, s) = 50.0f + float(s);  // overwritten unread
-        }
+        FrameBlock::FillStereo(left, right, 50.0f);  // overwritten unread
     }
-    std::vector<float> Copy() const { return std::vector<float>(block.data, block.data + pb.Frames * kFrameFloats); }
 };
-
-void FreshEngine()
-{
-    EngineReset();
-    EngineState.SurroundDelayLine[0].Release();
-    EngineState.SurroundDelayLine[1].Release();
-}
 
 // The decoder written out for a block from zero memories, before the tail.
 std::vector<float> ReferenceDecode(const ProcessorBlock& pb, const std::vector<float>& left,
@@ -168,27 +94,27 @@ std::vector<float> ReferenceDecode(const ProcessorBlock& pb, const std::vector<f
 {
     const uint32_t n = pb.Frames;
     const int32_t rate = pb.Sample_Rate;
-    Section splitL = MakeSection(1200.0f, rate, false);
-    Section splitR = MakeSection(1200.0f, rate, false);
-    Section smooth[4] = {MakeSection(7.95f, rate, true), MakeSection(7.95f, rate, true),
-                         MakeSection(7.95f, rate, true), MakeSection(7.95f, rate, true)};
+    ReferenceSection splitL = ReferenceHighPass(1200.0f, rate);
+    ReferenceSection splitR = ReferenceHighPass(1200.0f, rate);
+    ReferenceSection smooth[4] = {ReferenceLowPass(7.95f, rate), ReferenceLowPass(7.95f, rate),
+                                  ReferenceLowPass(7.95f, rate), ReferenceLowPass(7.95f, rate)};
     const float gc = Gain(pb.Centre_Trim);
     const float gs = Gain(pb.Surround_Trim_00);
     const float W = float(pb.Centre_Width);
     std::vector<float> out(n * kFrameFloats);
     for (uint32_t i = 0; i < n; ++i) {
-        const float hl = Step(splitL, left[i], false);
-        const float hr = Step(splitR, right[i], false);
+        const float hl = ReferenceStep(splitL, left[i]);
+        const float hr = ReferenceStep(splitR, right[i]);
         const float ll = left[i] - hl;
         const float lr = right[i] - hr;
         float x[2];
         float y[2];
         SteeringPair(hl, hr, x[0], y[0]);
         SteeringPair(ll, lr, x[1], y[1]);
-        x[0] = Step(smooth[0], x[0], true);
-        y[0] = Step(smooth[1], y[0], true);
-        x[1] = Step(smooth[2], x[1], true);
-        y[1] = Step(smooth[3], y[1], true);
+        x[0] = ReferenceStep(smooth[0], x[0]);
+        y[0] = ReferenceStep(smooth[1], y[0]);
+        x[1] = ReferenceStep(smooth[2], x[1]);
+        y[1] = ReferenceStep(smooth[3], y[1]);
         // Index 0 is the high band, 1 the low band.
         const float bandL[2] = {kInputGain * hl, kInputGain * ll};
         const float bandR[2] = {kInputGain * hr, kInputGain * lr};
