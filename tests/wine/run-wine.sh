@@ -42,6 +42,9 @@ start)
   # used as it is.
   if [[ ! -f $WINEPREFIX/system.reg ]]; then
     wineboot -u > "$state/wineboot.log" 2>&1 || { cat "$state/wineboot.log" >&2; exit 1; }
+    # There is no window manager on the display: Wine draws the frames and
+    # captions itself, so that the screenshot shows them.
+    wine reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /d N /f >> "$state/wineboot.log" 2>&1
     wineserver -w
   fi
   echo "Wine prefix $WINEPREFIX ready on display $DISPLAY"
