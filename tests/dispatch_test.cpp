@@ -23,6 +23,8 @@
 #include "signal/engine_state.h"
 #include "signal/pcm_conversion.h"
 #include "signal/processor.h"
+#include "tests/support/engine_settings.h"
+#include "tests/support/pcm_words.h"
 
 namespace {
 
@@ -37,37 +39,6 @@ float Gain(int32_t trim)
     return float(std::pow(10.0, double(trim) * double(0.05f)));
 }
 
-void SetSettings(int32_t mode)
-{
-    std::memset(&ProcessorSettings, 0, sizeof(ProcessorSettings));
-    const char16_t path[] = u"out_ds.dll";
-    for (std::size_t i = 0; i < sizeof(path) / sizeof(path[0]); ++i)
-        ProcessorSettings.Out_Plug[i] = WideChar(path[i]);
-    ProcessorSettings.Mode = mode;
-    ProcessorSettings.Out_Bits = 16;
-    ProcessorSettings.Surround_Delay = 0;
-    ProcessorSettings.Centre_Width = 0;
-    ProcessorSettings.Centre_Trim = 0;
-    ProcessorSettings.Surround_Trim_00 = 0;
-    ProcessorSettings.Bass_Redir = 120;
-    ProcessorSettings.Bass_Redir_Enable = 0;
-    ProcessorSettings.Bass_Trim = 0;
-    ProcessorSettings.Bass_Invert = 0;
-    ProcessorSettings.Virtual_C = 0;
-    ProcessorSettings.L = 1;
-    ProcessorSettings.R = 1;
-    ProcessorSettings.C = 1;
-    ProcessorSettings.SL = 1;
-    ProcessorSettings.SR = 1;
-}
-
-void Put16(std::vector<uint8_t>& bytes, int16_t value)
-{
-    const uint16_t u = uint16_t(value);
-    bytes.push_back(uint8_t(u & 0xFF));
-    bytes.push_back(uint8_t(u >> 8));
-}
-
 // 16-bit source of `channels` channels; sample k of frame i from `sample`.
 template <typename Sample>
 std::vector<uint8_t> Source16(uint32_t frames, uint32_t channels, Sample sample)
@@ -77,23 +48,6 @@ std::vector<uint8_t> Source16(uint32_t frames, uint32_t channels, Sample sample)
         for (uint32_t k = 0; k < channels; ++k)
             Put16(bytes, sample(i, k));
     return bytes;
-}
-
-int16_t OutputSample16(uint32_t frame, uint32_t slot)
-{
-    const uint8_t* b = reinterpret_cast<const uint8_t*>(PcmBlock.data) + std::size_t(frame * 6 + slot) * 2;
-    return int16_t(uint16_t(b[0] | (b[1] << 8)));
-}
-
-// The 16-bit output word of a float, spelled out: single-precision product,
-// truncation toward zero, 0x80000000 beyond the 32-bit range, low 16 bits.
-int16_t ExpectedWord16(float value)
-{
-    const float product = value * 27852.80078125f;
-    int32_t whole = std::numeric_limits<int32_t>::min();
-    if (product >= -2147483648.0f && product < 2147483648.0f)
-        whole = int32_t(product);
-    return int16_t(uint16_t(uint32_t(whole) & 0xFFFFu));
 }
 
 class Dispatch : public ::testing::Test {
@@ -933,25 +887,25 @@ protected:
 
     void ExpectNewFrame(uint32_t i)
     {
-        ASSERT_EQ(OutputSample16(i, 0), ExpectedWord16((float(NewLeft(i)) / 32768.0f) * 0.707f)) << "frame " << i;
-        ASSERT_EQ(OutputSample16(i, 1), ExpectedWord16((float(NewRight(i)) / 32768.0f) * 0.707f)) << "frame " << i;
+        ASSERT_EQ(OutputSample(16, i, 0), ExpectedWord((float(NewLeft(i)) / 32768.0f) * 0.707f, 16)) << "frame " << i;
+        ASSERT_EQ(OutputSample(16, i, 1), ExpectedWord((float(NewRight(i)) / 32768.0f) * 0.707f, 16)) << "frame " << i;
         for (uint32_t s = 2; s < 6; ++s)
-            ASSERT_EQ(OutputSample16(i, s), 0) << "frame " << i << " slot " << s;
+            ASSERT_EQ(OutputSample(16, i, s), 0) << "frame " << i << " slot " << s;
     }
 
     // An old frame, as it stood in the array: no pass-through gain.
     void ExpectOldFrame(uint32_t i)
     {
-        ASSERT_EQ(OutputSample16(i, 0), ExpectedWord16(float(OldLeft(i)) / 32768.0f)) << "frame " << i;
-        ASSERT_EQ(OutputSample16(i, 1), ExpectedWord16(float(OldRight(i)) / 32768.0f)) << "frame " << i;
+        ASSERT_EQ(OutputSample(16, i, 0), ExpectedWord(float(OldLeft(i)) / 32768.0f, 16)) << "frame " << i;
+        ASSERT_EQ(OutputSample(16, i, 1), ExpectedWord(float(OldRight(i)) / 32768.0f, 16)) << "frame " << i;
         for (uint32_t s = 2; s < 6; ++s)
-            ASSERT_EQ(OutputSample16(i, s), 0) << "frame " << i << " slot " << s;
+            ASSERT_EQ(OutputSample(16, i, s), 0) << "frame " << i << " slot " << s;
     }
 
     void ExpectSilentFrame(uint32_t i)
     {
         for (uint32_t s = 0; s < 6; ++s)
-            ASSERT_EQ(OutputSample16(i, s), 0) << "frame " << i << " slot " << s;
+            ASSERT_EQ(OutputSample(16, i, s), 0) << "frame " << i << " slot " << s;
     }
 };
 
@@ -1026,12 +980,12 @@ TEST_F(DispatchTail, LeavingHeadphoneModeAddsTheFramesItHeldBack)
     EXPECT_EQ(EngineState.Pending_Frames, 0u);
     for (uint32_t i = 0; i < 1152; ++i)
         for (uint32_t s = 0; s < 6; ++s)
-            ASSERT_EQ(OutputSample16(i, s), ExpectedWord16((float(fresh(i, s)) / 32768.0f) * 0.707f))
+            ASSERT_EQ(OutputSample(16, i, s), ExpectedWord((float(fresh(i, s)) / 32768.0f) * 0.707f, 16))
                 << "frame " << i << " slot " << s;
     // What the held-back write converted, without any gain.
     for (uint32_t i = 1152; i < 3000; ++i)
         for (uint32_t s = 0; s < 6; ++s)
-            ASSERT_EQ(OutputSample16(i, s), ExpectedWord16(float(held(i, s)) / 32768.0f))
+            ASSERT_EQ(OutputSample(16, i, s), ExpectedWord(float(held(i, s)) / 32768.0f, 16))
                 << "frame " << i << " slot " << s;
     for (uint32_t i = 3000; i < 4152; ++i)
         ExpectOldFrame(i);

@@ -16,32 +16,23 @@
 #include "signal/pcm_conversion.h"
 #include "signal/processor.h"
 #include "tests/support/counting_heap.h"
+#include "tests/support/engine_settings.h"
+#include "tests/support/pcm_words.h"
 
 namespace {
 
+// Every stage that the mode has is switched on: delay, bass, width, trims.
 void SetSettings(int32_t mode)
 {
-    std::memset(&ProcessorSettings, 0, sizeof(ProcessorSettings));
-    const char16_t path[] = u"out_ds.dll";
-    for (std::size_t i = 0; i < sizeof(path) / sizeof(path[0]); ++i)
-        ProcessorSettings.Out_Plug[i] = WideChar(path[i]);
-    // Every stage that the mode has is switched on: delay, bass, width, trims.
-    ProcessorSettings.Mode = mode;
-    ProcessorSettings.Out_Bits = 16;
-    ProcessorSettings.Surround_Delay = 10;
-    ProcessorSettings.Centre_Width = 30;
-    ProcessorSettings.Centre_Trim = -2;
-    ProcessorSettings.Surround_Trim_00 = 1;
-    ProcessorSettings.Bass_Redir = 120;
-    ProcessorSettings.Bass_Redir_Enable = 1;
-    ProcessorSettings.Bass_Trim = 3;
-    ProcessorSettings.Bass_Invert = 0;
-    ProcessorSettings.Virtual_C = 0;
-    ProcessorSettings.L = 1;
-    ProcessorSettings.R = 1;
-    ProcessorSettings.C = 1;
-    ProcessorSettings.SL = 1;
-    ProcessorSettings.SR = 1;
+    SettingsWords s;
+    s.Mode = mode;
+    s.Surround_Delay = 10;
+    s.Centre_Width = 30;
+    s.Centre_Trim = -2;
+    s.Surround_Trim_00 = 1;
+    s.Bass_Redir_Enable = 1;
+    s.Bass_Trim = 3;
+    ApplySettings(s);
 }
 
 // Write sizes, cycled: a host's usual 576 and 1152, single frames, and the
@@ -55,11 +46,8 @@ std::vector<uint8_t> MakeSource(uint32_t channels)
 {
     std::vector<uint8_t> bytes;
     for (uint32_t i = 0; i < kLargestWrite; ++i)
-        for (uint32_t k = 0; k < channels; ++k) {
-            const int16_t v = int16_t(int((i * (7 + k) + 1000 * k) % 2000) * 15 - 15000);
-            bytes.push_back(uint8_t(uint16_t(v) & 0xFF));
-            bytes.push_back(uint8_t(uint16_t(v) >> 8));
-        }
+        for (uint32_t k = 0; k < channels; ++k)
+            Put16(bytes, int16_t(int((i * (7 + k) + 1000 * k) % 2000) * 15 - 15000));
     return bytes;
 }
 

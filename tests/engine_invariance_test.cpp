@@ -16,50 +16,10 @@
 #include "signal/engine_state.h"
 #include "signal/pcm_conversion.h"
 #include "signal/processor.h"
+#include "tests/support/engine_settings.h"
+#include "tests/support/pcm_words.h"
 
 namespace {
-
-struct Settings {
-    int32_t Mode;
-    int32_t Surround_Delay = 0;
-    int32_t Centre_Width = 0;
-    int32_t Centre_Trim = 0;
-    int32_t Surround_Trim_00 = 0;
-    int32_t Bass_Redir = 120;
-    int32_t Bass_Redir_Enable = 0;
-    int32_t Bass_Trim = 0;
-    int32_t Bass_Invert = 0;
-    int32_t Virtual_C = 0;
-    int32_t L = 1;
-    int32_t R = 1;
-    int32_t C = 1;
-    int32_t SL = 1;
-    int32_t SR = 1;
-};
-
-void Apply(const Settings& s, uint32_t outputBits)
-{
-    std::memset(&ProcessorSettings, 0, sizeof(ProcessorSettings));
-    const char16_t path[] = u"out_ds.dll";
-    for (std::size_t i = 0; i < sizeof(path) / sizeof(path[0]); ++i)
-        ProcessorSettings.Out_Plug[i] = WideChar(path[i]);
-    ProcessorSettings.Mode = s.Mode;
-    ProcessorSettings.Out_Bits = int32_t(outputBits);
-    ProcessorSettings.Surround_Delay = s.Surround_Delay;
-    ProcessorSettings.Centre_Width = s.Centre_Width;
-    ProcessorSettings.Centre_Trim = s.Centre_Trim;
-    ProcessorSettings.Surround_Trim_00 = s.Surround_Trim_00;
-    ProcessorSettings.Bass_Redir = s.Bass_Redir;
-    ProcessorSettings.Bass_Redir_Enable = s.Bass_Redir_Enable;
-    ProcessorSettings.Bass_Trim = s.Bass_Trim;
-    ProcessorSettings.Bass_Invert = s.Bass_Invert;
-    ProcessorSettings.Virtual_C = s.Virtual_C;
-    ProcessorSettings.L = s.L;
-    ProcessorSettings.R = s.R;
-    ProcessorSettings.C = s.C;
-    ProcessorSettings.SL = s.SL;
-    ProcessorSettings.SR = s.SR;
-}
 
 // A signal that moves: tones that pan across the channels, a noise floor,
 // a stretch of digital silence and a stretch of one channel alone, so that
@@ -94,27 +54,17 @@ std::vector<uint8_t> MakeSource(uint32_t frames, uint32_t channels, uint32_t bit
             const double v = SignalValue(i, k);
             switch (bits) {
             case 8:
-                bytes.push_back(uint8_t(128 + int(std::lround(v * 127.0))));
+                Put8(bytes, uint8_t(128 + int(std::lround(v * 127.0))));
                 break;
-            case 16: {
-                const uint16_t u = uint16_t(int16_t(std::lround(v * 32767.0)));
-                bytes.push_back(uint8_t(u & 0xFF));
-                bytes.push_back(uint8_t(u >> 8));
+            case 16:
+                Put16(bytes, int16_t(std::lround(v * 32767.0)));
                 break;
-            }
-            case 24: {
-                const uint32_t u = uint32_t(int32_t(std::lround(v * 8388607.0)));
-                bytes.push_back(uint8_t(u & 0xFF));
-                bytes.push_back(uint8_t((u >> 8) & 0xFF));
-                bytes.push_back(uint8_t((u >> 16) & 0xFF));
+            case 24:
+                Put24(bytes, int32_t(std::lround(v * 8388607.0)));
                 break;
-            }
-            default: {
-                const uint32_t u = uint32_t(int32_t(std::lround(v * 2147483647.0)));
-                for (int shift = 0; shift < 32; shift += 8)
-                    bytes.push_back(uint8_t((u >> shift) & 0xFF));
+            default:
+                Put32(bytes, int32_t(std::lround(v * 2147483647.0)));
                 break;
-            }
             }
         }
     }
@@ -122,7 +72,7 @@ std::vector<uint8_t> MakeSource(uint32_t frames, uint32_t channels, uint32_t bit
 }
 
 struct Case {
-    Settings settings;
+    SettingsWords settings;  // Out_Bits is taken from outputBits
     uint32_t channels;
     uint32_t bits;
     int32_t rate;
@@ -135,7 +85,9 @@ struct Case {
 std::vector<uint8_t> RunInWrites(const Case& c, const std::vector<uint8_t>& source, uint32_t chunk)
 {
     EngineReset();
-    Apply(c.settings, c.outputBits);
+    SettingsWords settings = c.settings;
+    settings.Out_Bits = int32_t(c.outputBits);
+    ApplySettings(settings);
     const StreamWords stream{c.channels, c.bits, c.rate, c.outputBits};
     const std::size_t inFrameBytes = std::size_t(c.channels) * (c.bits / 8);
     std::vector<uint8_t> out;
@@ -182,9 +134,9 @@ void ExpectSplitInvariant(const Case& c, uint32_t reference = 8192)
     }
 }
 
-Settings Mode(int32_t mode)
+SettingsWords Mode(int32_t mode)
 {
-    Settings s;
+    SettingsWords s;
     s.Mode = mode;
     return s;
 }
@@ -201,7 +153,7 @@ TEST(BlockSplit, Bypass_EightBitMonoToTwentyFourBitsIsInvariant)
 
 TEST(BlockSplit, FixedMatrix_WithDelayAndBassIsInvariant)
 {
-    Settings s = Mode(1);
+    SettingsWords s = Mode(1);
     s.Surround_Delay = 10;
     s.Bass_Redir_Enable = 1;
     s.Bass_Redir = 90;
@@ -212,7 +164,7 @@ TEST(BlockSplit, FixedMatrix_WithDelayAndBassIsInvariant)
 
 TEST(BlockSplit, FixedMatrix_VirtualCentreInvertedBassThirtyTwoBitsIsInvariant)
 {
-    Settings s = Mode(1);
+    SettingsWords s = Mode(1);
     s.Surround_Delay = 25;
     s.Virtual_C = 1;
     s.Bass_Redir_Enable = 1;
@@ -223,7 +175,7 @@ TEST(BlockSplit, FixedMatrix_VirtualCentreInvertedBassThirtyTwoBitsIsInvariant)
 
 TEST(BlockSplit, SteeredOneSurround_IsInvariant)
 {
-    Settings s = Mode(2);
+    SettingsWords s = Mode(2);
     s.Surround_Delay = 15;
     s.Centre_Width = 40;
     s.Bass_Redir_Enable = 1;
@@ -233,7 +185,7 @@ TEST(BlockSplit, SteeredOneSurround_IsInvariant)
 
 TEST(BlockSplit, SteeredTwoSurrounds_IsInvariant)
 {
-    Settings s = Mode(3);
+    SettingsWords s = Mode(3);
     s.Surround_Delay = 20;
     s.Centre_Width = 100;
     s.Centre_Trim = -5;
@@ -244,7 +196,7 @@ TEST(BlockSplit, SteeredTwoSurrounds_IsInvariant)
 
 TEST(BlockSplit, SteeredTwoSurrounds_VirtualCentreAt32000IsInvariant)
 {
-    Settings s = Mode(3);
+    SettingsWords s = Mode(3);
     s.Surround_Delay = 7;
     s.Virtual_C = 1;
     s.SR = 0;
@@ -253,7 +205,7 @@ TEST(BlockSplit, SteeredTwoSurrounds_VirtualCentreAt32000IsInvariant)
 
 TEST(BlockSplit, OutOfRangeMode_StereoIsInvariant)
 {
-    Settings s = Mode(7);
+    SettingsWords s = Mode(7);
     s.Surround_Delay = 10;
     s.Bass_Redir_Enable = 1;
     ExpectSplitInvariant(Case{s, 2, 16, 44100, 16});
@@ -261,7 +213,7 @@ TEST(BlockSplit, OutOfRangeMode_StereoIsInvariant)
 
 TEST(BlockSplit, Headphone_StereoAt44100IsInvariant)
 {
-    Settings s = Mode(4);
+    SettingsWords s = Mode(4);
     s.Surround_Delay = 10;
     ExpectSplitInvariant(Case{s, 2, 16, 44100, 16});
 }
@@ -270,7 +222,7 @@ TEST(BlockSplit, Headphone_StereoOverSeveralBlocksIsInvariant)
 {
     // 20000 frames: two whole blocks out, the rest held; the reference
     // writes 8192 frames at a time, the most that one write may carry.
-    Settings s = Mode(4);
+    SettingsWords s = Mode(4);
     Case c{s, 2, 16, 48000, 16};
     c.frames = 20000;
     ExpectSplitInvariant(c, 8192);

@@ -20,6 +20,8 @@
 #include "signal/engine_state.h"
 #include "signal/pcm_conversion.h"
 #include "signal/processor.h"
+#include "tests/support/engine_settings.h"
+#include "tests/support/pcm_words.h"
 
 #if defined(__unix__)
 #include <sys/mman.h>
@@ -32,107 +34,12 @@ constexpr int32_t kPlainRate = 44100;
 constexpr int32_t kRawRate = 8000;  // outside the Headphone range: mode 4 leaves frames as converted
 constexpr int32_t kHeadphoneMode = 4;
 
-// Every settings word set explicitly: the given mode, no trims, no delay, no
-// bass redirection, all switches on.
-void SetSettings(int32_t mode)
-{
-    std::memset(&ProcessorSettings, 0, sizeof(ProcessorSettings));
-    const char16_t path[] = u"out_ds.dll";
-    for (std::size_t i = 0; i < sizeof(path) / sizeof(path[0]); ++i)
-        ProcessorSettings.Out_Plug[i] = WideChar(path[i]);
-    ProcessorSettings.Mode = mode;
-    ProcessorSettings.Out_Bits = 16;
-    ProcessorSettings.Surround_Delay = 0;
-    ProcessorSettings.Centre_Width = 0;
-    ProcessorSettings.Centre_Trim = 0;
-    ProcessorSettings.Surround_Trim_00 = 0;
-    ProcessorSettings.Bass_Redir = 120;
-    ProcessorSettings.Bass_Redir_Enable = 0;
-    ProcessorSettings.Bass_Trim = 0;
-    ProcessorSettings.Bass_Invert = 0;
-    ProcessorSettings.Virtual_C = 0;
-    ProcessorSettings.L = 1;
-    ProcessorSettings.R = 1;
-    ProcessorSettings.C = 1;
-    ProcessorSettings.SL = 1;
-    ProcessorSettings.SR = 1;
-}
-
 StreamWords Stream(uint32_t channels, uint32_t bits, int32_t rate, uint32_t outputBits)
 {
     return StreamWords{channels, bits, rate, outputBits};
 }
 
-void Put8(std::vector<uint8_t>& bytes, uint8_t value) { bytes.push_back(value); }
-
-void Put16(std::vector<uint8_t>& bytes, int16_t value)
-{
-    const uint16_t u = uint16_t(value);
-    bytes.push_back(uint8_t(u & 0xFF));
-    bytes.push_back(uint8_t(u >> 8));
-}
-
-// A 24-bit sample given as its signed value in -8388608..8388607.
-void Put24(std::vector<uint8_t>& bytes, int32_t value)
-{
-    const uint32_t u = uint32_t(value);
-    bytes.push_back(uint8_t(u & 0xFF));
-    bytes.push_back(uint8_t((u >> 8) & 0xFF));
-    bytes.push_back(uint8_t((u >> 16) & 0xFF));
-}
-
-void Put32(std::vector<uint8_t>& bytes, int32_t value)
-{
-    const uint32_t u = uint32_t(value);
-    for (int shift = 0; shift < 32; shift += 8)
-        bytes.push_back(uint8_t((u >> shift) & 0xFF));
-}
-
-const uint8_t* PcmBytes() { return reinterpret_cast<const uint8_t*>(PcmBlock.data); }
-
-// Sample `slot` of output frame `frame`, sign-extended from the word size.
-int32_t OutputSample(uint32_t outputBits, uint32_t frame, uint32_t slot)
-{
-    const uint8_t* b = PcmBytes() + std::size_t(frame * 6 + slot) * (outputBits / 8);
-    switch (outputBits) {
-    case 16:
-        return int16_t(uint16_t(b[0] | (b[1] << 8)));
-    case 24: {
-        const uint32_t u = uint32_t(b[0]) | (uint32_t(b[1]) << 8) | (uint32_t(b[2]) << 16);
-        return (u & 0x800000u) ? int32_t(u) - 0x1000000 : int32_t(u);
-    }
-    default: {
-        const uint32_t u = uint32_t(b[0]) | (uint32_t(b[1]) << 8) | (uint32_t(b[2]) << 16) |
-                           (uint32_t(b[3]) << 24);
-        return int32_t(u);
-    }
-    }
-}
-
 float FrameSlot(uint32_t frame, uint32_t slot) { return FrameBlock.data[frame * 6 + slot]; }
-
-// The output word of a float as the conversion must make it, spelled out:
-// single-precision product, truncation toward zero, 0x80000000 for anything
-// outside the signed 32-bit range or NaN, then the low bytes kept.
-int32_t ExpectedWord(float value, uint32_t outputBits)
-{
-    const float scale = outputBits == 16 ? 27852.80078125f
-                      : outputBits == 24 ? 7130317.0f
-                                         : 1825361152.0f;
-    const float product = value * scale;
-    int32_t whole;
-    if (!(product >= -2147483648.0f && product < 2147483648.0f))
-        whole = std::numeric_limits<int32_t>::min();
-    else
-        whole = int32_t(product);  // C++ conversion truncates toward zero
-    if (outputBits == 16)
-        return int16_t(uint16_t(uint32_t(whole) & 0xFFFFu));
-    if (outputBits == 24) {
-        const uint32_t u = uint32_t(whole) & 0xFFFFFFu;
-        return (u & 0x800000u) ? int32_t(u) - 0x1000000 : int32_t(u);
-    }
-    return whole;
-}
 
 class PcmConversion : public ::testing::Test {
 protected:
