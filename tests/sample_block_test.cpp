@@ -27,6 +27,29 @@ void FillRamp(SampleBlock& block, uint32_t count)
         block.data[i] = 1000.0f + float(i);
 }
 
+// Floats [first, end) hold the ramp of FillRamp.
+void ExpectRamp(const SampleBlock& block, uint32_t first, uint32_t end)
+{
+    for (uint32_t i = first; i < end; ++i)
+        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
+}
+
+// Floats [first, end) are zero.
+void ExpectZeros(const SampleBlock& block, uint32_t first, uint32_t end)
+{
+    for (uint32_t i = first; i < end; ++i)
+        EXPECT_EQ(block.data[i], 0.0f) << "float " << i;
+}
+
+// All four words as a block without an array has them.
+void ExpectNoArray(const SampleBlock& block)
+{
+    EXPECT_EQ(block.data, nullptr);
+    EXPECT_EQ(block.size, 0u);
+    EXPECT_EQ(block.capacity, 0u);
+    EXPECT_EQ(block.position, 0u);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -35,10 +58,7 @@ void FillRamp(SampleBlock& block, uint32_t count)
 TEST(SampleBlock, Construction_AllFourWordsZero)
 {
     SampleBlock block;
-    EXPECT_EQ(block.data, nullptr);
-    EXPECT_EQ(block.size, 0u);
-    EXPECT_EQ(block.capacity, 0u);
-    EXPECT_EQ(block.position, 0u);
+    ExpectNoArray(block);
     EXPECT_EQ(block.Data(), nullptr);
     EXPECT_EQ(block.Size(), 0u);
 }
@@ -51,10 +71,7 @@ TEST(SampleBlock, Resize_ZeroOnEmptyBlockAllocatesNothingAndReturnsNull)
     const int events = StopRecording();
     EXPECT_EQ(events, 0);
     EXPECT_EQ(result, nullptr);
-    EXPECT_EQ(block.data, nullptr);
-    EXPECT_EQ(block.size, 0u);
-    EXPECT_EQ(block.capacity, 0u);
-    EXPECT_EQ(block.position, 0u);
+    ExpectNoArray(block);
 }
 
 TEST(SampleBlock, Resize_FirstAllocationIsExactlyNFloats)
@@ -92,8 +109,7 @@ TEST(SampleBlock, Resize_ShrinkAndGrowKeepsStaleFloats)
     EXPECT_EQ(grown, array);
     EXPECT_EQ(block.size, 100u);
     EXPECT_EQ(block.capacity, 100u);
-    for (uint32_t i = 0; i < 100; ++i)
-        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
+    ExpectRamp(block, 0, 100);
 }
 
 TEST(SampleBlock, Resize_ShrinkKeepsFloatsBeyondN)
@@ -104,8 +120,7 @@ TEST(SampleBlock, Resize_ShrinkKeepsFloatsBeyondN)
     block.Resize(4, false);
     EXPECT_EQ(block.size, 4u);
     EXPECT_EQ(block.capacity, 10u);
-    for (uint32_t i = 0; i < 10; ++i)
-        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
+    ExpectRamp(block, 0, 10);
 }
 
 TEST(SampleBlock, Resize_AboveCapacityFreesOldArrayThenAllocatesExactlyN)
@@ -139,8 +154,7 @@ TEST(SampleBlock, Resize_AboveCapacityWithClearGivesZeros)
     FillRamp(block, 8);
     block.Resize(64, true);
     EXPECT_EQ(block.capacity, 64u);
-    for (uint32_t i = 0; i < 64; ++i)
-        EXPECT_EQ(block.data[i], 0.0f) << "float " << i;
+    ExpectZeros(block, 0, 64);
 }
 
 TEST(SampleBlock, Resize_SizeBelowNButCapacityEnoughDoesNotAllocate)
@@ -167,8 +181,7 @@ TEST(SampleBlock, Resize_SameNResetsPosition)
 
     EXPECT_EQ(block.position, 0u);
     EXPECT_EQ(block.size, 32u);
-    for (uint32_t i = 0; i < 32; ++i)
-        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
+    ExpectRamp(block, 0, 32);
 }
 
 TEST(SampleBlock, Resize_SameNWithClearStillClears)
@@ -179,8 +192,7 @@ TEST(SampleBlock, Resize_SameNWithClearStillClears)
     block.position = 5;
     block.Resize(32, true);
     EXPECT_EQ(block.position, 0u);
-    for (uint32_t i = 0; i < 32; ++i)
-        EXPECT_EQ(block.data[i], 0.0f) << "float " << i;
+    ExpectZeros(block, 0, 32);
 }
 
 TEST(SampleBlock, Resize_ClearSetsOnlyTheFirstNFloats)
@@ -190,10 +202,8 @@ TEST(SampleBlock, Resize_ClearSetsOnlyTheFirstNFloats)
     FillRamp(block, 40);
     block.Resize(10, true);
     EXPECT_EQ(block.size, 10u);
-    for (uint32_t i = 0; i < 10; ++i)
-        EXPECT_EQ(block.data[i], 0.0f) << "float " << i;
-    for (uint32_t i = 10; i < 40; ++i)
-        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
+    ExpectZeros(block, 0, 10);
+    ExpectRamp(block, 10, 40);
 }
 
 TEST(SampleBlock, Resize_ByteCountBeyond32BitsFails)
@@ -246,10 +256,8 @@ TEST(SampleBlock, Extend_ToExactCapacityDoesNotAllocate)
     EXPECT_EQ(block.data, array);
     EXPECT_EQ(block.size, 100u);
     EXPECT_EQ(block.capacity, 100u);
-    for (uint32_t i = 0; i < 60; ++i)
-        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
-    for (uint32_t i = 60; i < 100; ++i)
-        EXPECT_EQ(block.data[i], 0.0f) << "float " << i;
+    ExpectRamp(block, 0, 60);
+    ExpectZeros(block, 60, 100);
 }
 
 TEST(SampleBlock, Extend_OnePastCapacityAllocatesExactlyAndKeepsContents)
@@ -273,10 +281,8 @@ TEST(SampleBlock, Extend_OnePastCapacityAllocatesExactlyAndKeepsContents)
     EXPECT_EQ(block.data, g_events[0].pointer);
     EXPECT_EQ(block.size, 101u);
     EXPECT_EQ(block.capacity, 101u);
-    for (uint32_t i = 0; i < 60; ++i)
-        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
-    for (uint32_t i = 60; i < 101; ++i)
-        EXPECT_EQ(block.data[i], 0.0f) << "float " << i;
+    ExpectRamp(block, 0, 60);
+    ExpectZeros(block, 60, 101);
 }
 
 TEST(SampleBlock, Extend_OnEmptyBlockAllocatesZeros)
@@ -290,8 +296,7 @@ TEST(SampleBlock, Extend_OnEmptyBlockAllocatesZeros)
     EXPECT_EQ(g_events[0].bytes, 48u);
     EXPECT_EQ(block.size, 12u);
     EXPECT_EQ(block.capacity, 12u);
-    for (uint32_t i = 0; i < 12; ++i)
-        EXPECT_EQ(block.data[i], 0.0f) << "float " << i;
+    ExpectZeros(block, 0, 12);
 }
 
 TEST(SampleBlock, Extend_LeavesPositionAsItWas)
@@ -319,8 +324,7 @@ TEST(SampleBlock, Extend_ZeroFloatsChangesNothing)
     EXPECT_EQ(block.size, 10u);
     EXPECT_EQ(block.capacity, 10u);
     EXPECT_EQ(block.position, 4u);
-    for (uint32_t i = 0; i < 10; ++i)
-        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
+    ExpectRamp(block, 0, 10);
 }
 
 // ---------------------------------------------------------------------------
@@ -341,10 +345,8 @@ TEST(SampleBlock, Zero_ClearsSizeFloatsAndLeavesPositionAndStaleFloats)
     EXPECT_EQ(block.position, 11u);
     EXPECT_EQ(block.size, 20u);
     EXPECT_EQ(block.capacity, 30u);
-    for (uint32_t i = 0; i < 20; ++i)
-        EXPECT_EQ(block.data[i], 0.0f) << "float " << i;
-    for (uint32_t i = 20; i < 30; ++i)
-        EXPECT_EQ(block.data[i], 1000.0f + float(i)) << "float " << i;
+    ExpectZeros(block, 0, 20);
+    ExpectRamp(block, 20, 30);
 }
 
 TEST(SampleBlock, Zero_OnNullDataDoesNothing)
@@ -353,10 +355,7 @@ TEST(SampleBlock, Zero_OnNullDataDoesNothing)
     StartRecording();
     block.Zero();
     EXPECT_EQ(StopRecording(), 0);
-    EXPECT_EQ(block.data, nullptr);
-    EXPECT_EQ(block.size, 0u);
-    EXPECT_EQ(block.capacity, 0u);
-    EXPECT_EQ(block.position, 0u);
+    ExpectNoArray(block);
 }
 
 TEST(SampleBlock, Release_FreesTheArrayAndZeroesAllFourWords)
@@ -373,10 +372,7 @@ TEST(SampleBlock, Release_FreesTheArrayAndZeroesAllFourWords)
     ASSERT_EQ(events, 1);
     EXPECT_EQ(g_events[0].kind, HeapEventKind::Free);
     EXPECT_EQ(g_events[0].pointer, static_cast<void*>(array));
-    EXPECT_EQ(block.data, nullptr);
-    EXPECT_EQ(block.size, 0u);
-    EXPECT_EQ(block.capacity, 0u);
-    EXPECT_EQ(block.position, 0u);
+    ExpectNoArray(block);
 }
 
 TEST(SampleBlock, Release_TwiceIsHarmless)
@@ -387,10 +383,7 @@ TEST(SampleBlock, Release_TwiceIsHarmless)
     StartRecording();
     block.Release();
     EXPECT_EQ(StopRecording(), 0);
-    EXPECT_EQ(block.data, nullptr);
-    EXPECT_EQ(block.size, 0u);
-    EXPECT_EQ(block.capacity, 0u);
-    EXPECT_EQ(block.position, 0u);
+    ExpectNoArray(block);
 }
 
 TEST(SampleBlock, Release_BlockCanBeUsedAnew)
@@ -404,8 +397,7 @@ TEST(SampleBlock, Release_BlockCanBeUsedAnew)
     ASSERT_EQ(events, 1);
     EXPECT_EQ(g_events[0].bytes, 32u);
     EXPECT_EQ(block.capacity, 8u);
-    for (uint32_t i = 0; i < 8; ++i)
-        EXPECT_EQ(block.data[i], 0.0f);
+    ExpectZeros(block, 0, 8);
 }
 
 TEST(SampleBlock, Destructor_ReleasesTheArray)

@@ -47,6 +47,22 @@ struct Frames : FrameBlock {
     Frames(uint32_t count, int32_t rate) : FrameBlock(count, rate, 3) {}
 };
 
+// DelayRun at a new delay over no frames, which may change only the length;
+// returns the allocations that it made.
+std::size_t EmptyRunAllocations(SampleBlock& line, uint32_t microseconds)
+{
+    Frames empty(0, 44100);
+    const std::size_t before = g_allocations;
+    DelayRun(line, microseconds, empty.pb, empty.block.data, kSlotSL);
+    return g_allocations - before;
+}
+
+void ExpectClearedCells(const SampleBlock& line, uint32_t cells)
+{
+    for (uint32_t i = 0; i < cells; ++i)
+        ASSERT_EQ(line.data[i], 0.0f) << "cell " << i;
+}
+
 struct TableRow {
     int32_t delayMs;
     int32_t rate;
@@ -171,16 +187,12 @@ TEST(DelayRun, TwentyToTenMsAt44100KeepsTheArrayAndClearsTheFirst440Cells)
     ASSERT_EQ(line.capacity, 881u);
     const float* array = line.data;
 
-    Frames empty(0, 44100);
-    const std::size_t before = g_allocations;
-    DelayRun(line, 10000, empty.pb, empty.block.data, kSlotSL);
-    EXPECT_EQ(g_allocations, before);
+    EXPECT_EQ(EmptyRunAllocations(line, 10000), 0u);
     EXPECT_EQ(line.data, array);
     EXPECT_EQ(line.size, 440u);
     EXPECT_EQ(line.capacity, 881u);
     EXPECT_EQ(line.position, 0u);
-    for (uint32_t i = 0; i < 440; ++i)
-        ASSERT_EQ(line.data[i], 0.0f) << "cell " << i;
+    ExpectClearedCells(line, 440);
 }
 
 TEST(DelayRun, TenToTwentyMsWithCapacityAlreadyThereClearsWithoutAllocating)
@@ -195,16 +207,12 @@ TEST(DelayRun, TenToTwentyMsWithCapacityAlreadyThereClearsWithoutAllocating)
     ASSERT_EQ(line.capacity, 881u);
     const float* array = line.data;
 
-    Frames empty(0, 44100);
-    const std::size_t before = g_allocations;
-    DelayRun(line, 20000, empty.pb, empty.block.data, kSlotSL);
-    EXPECT_EQ(g_allocations, before);
+    EXPECT_EQ(EmptyRunAllocations(line, 20000), 0u);
     EXPECT_EQ(line.data, array);
     EXPECT_EQ(line.size, 881u);
     EXPECT_EQ(line.capacity, 881u);
     EXPECT_EQ(line.position, 0u);
-    for (uint32_t i = 0; i < 881; ++i)
-        ASSERT_EQ(line.data[i], 0.0f) << "cell " << i;
+    ExpectClearedCells(line, 881);
 }
 
 TEST(DelayRun, TenToTwentyMsFromCapacity440GrowsToExactly881)
@@ -230,10 +238,7 @@ TEST(DelayRun, SameLengthKeepsContentsAndPosition)
     EXPECT_EQ(line.position, 1000u % 440u);
     const std::vector<float> ring(line.data, line.data + 440);
 
-    Frames empty(0, 44100);
-    const std::size_t before = g_allocations;
-    DelayRun(line, 10000, empty.pb, empty.block.data, kSlotSL);
-    EXPECT_EQ(g_allocations, before);
+    EXPECT_EQ(EmptyRunAllocations(line, 10000), 0u);
     EXPECT_EQ(line.position, 1000u % 440u);
     for (uint32_t i = 0; i < 440; ++i)
         ASSERT_EQ(line.data[i], ring[i]) << "cell " << i;
@@ -255,8 +260,7 @@ TEST(DelayRun, FramesZeroChangesTheLengthClearsTheRingAndMovesNoSample)
     DelayRun(line, 15000, empty.pb, empty.block.data, kSlotSL);
     EXPECT_EQ(line.size, 661u);
     EXPECT_EQ(line.position, 0u);
-    for (uint32_t i = 0; i < 661; ++i)
-        ASSERT_EQ(line.data[i], 0.0f) << "cell " << i;
+    ExpectClearedCells(line, 661);
     for (uint32_t i = 0; i < 4 * kFrameFloats; ++i)
         ASSERT_EQ(empty.block.data[i], sentinel[i]) << "float " << i;
 }
@@ -285,12 +289,8 @@ TEST(SurroundTail, At32000HzNoLowPassButTheDelayStillRuns)
         ASSERT_EQ(f.at(i, kSlotSL), i < n ? 0.0f : left[i - n]) << "frame " << i;
         ASSERT_EQ(f.at(i, kSlotSR), i < n ? 0.0f : right[i - n]) << "frame " << i;
     }
-    for (const FilterState& m : EngineState.SurroundFilter) {
-        EXPECT_EQ(m.x1, sentinel.x1);
-        EXPECT_EQ(m.x2, sentinel.x2);
-        EXPECT_EQ(m.y1, sentinel.y1);
-        EXPECT_EQ(m.y2, sentinel.y2);
-    }
+    for (const FilterState& m : EngineState.SurroundFilter)
+        EXPECT_TRUE(SameMemory(m, sentinel));
 }
 
 TEST(SurroundTail, BothSurroundSwitchesZeroLeaveSlotsFiltersAndRingsStill)
