@@ -47,9 +47,7 @@ struct Frames : FrameBlock {
     }
     void FillAll(uint32_t seed)
     {
-        const std::vector<float> s = TestSignal(pb.Frames * kFrameFloats, seed);
-        for (uint32_t i = 0; i < pb.Frames * kFrameFloats; ++i)
-            block.data[i] = s[i];
+        Load(TestSignal(pb.Frames * kFrameFloats, seed));
     }
 };
 

@@ -64,9 +64,7 @@ struct Frames : FrameBlock {
     // Source frames as the conversion leaves them for the channel count.
     void FillSource(uint32_t seed)
     {
-        const std::vector<float> s = TestSignal(pb.Frames * kFrameFloats, seed);
-        for (uint32_t i = 0; i < pb.Frames * kFrameFloats; ++i)
-            block.data[i] = s[i];
+        Load(TestSignal(pb.Frames * kFrameFloats, seed));
         for (uint32_t i = 0; i < pb.Frames; ++i) {
             if (pb.In_Channels == 4)
                 at(i, kSlotC) = 0.0f;

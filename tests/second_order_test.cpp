@@ -158,14 +158,12 @@ TEST(HighPass2, WalksOneSlotOfFramesLikeTheFloatRecursion)
 {
     EngineReset();
     constexpr uint32_t kFrames = 700;
-    SampleBlock frames;
-    frames.Resize(kFrames * kFrameFloats, true);
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 1);
-    std::copy(signal.begin(), signal.end(), frames.data);
-    ProcessorBlock block = MakeBlock(frames, kFrames, 44100);
+    FrameBlock frames(kFrames, 44100, 3);
+    frames.Load(signal);
 
     FilterState memory{};
-    HighPass2(memory, frames.data, kSlotC, 1200.0f, 6, block);
+    HighPass2(memory, frames.block.data, kSlotC, 1200.0f, 6, frames.pb);
 
     const SectionCoefficients k = ReferenceCoefficients(1200.0f, 44100, false);
     FilterState ref{};
@@ -173,7 +171,7 @@ TEST(HighPass2, WalksOneSlotOfFramesLikeTheFloatRecursion)
         for (uint32_t s = 0; s < kFrameFloats; ++s) {
             const float in = signal[6 * i + s];
             const float expected = s == kSlotC ? ReferenceHighPassStep(ref, in, k) : in;
-            ASSERT_EQ(frames.data[6 * i + s], expected) << "frame " << i << " slot " << s;
+            ASSERT_EQ(frames.block.data[6 * i + s], expected) << "frame " << i << " slot " << s;
         }
     }
     EXPECT_TRUE(SameMemory(memory, ref));
@@ -204,16 +202,14 @@ TEST(SplitHighPass2, HighPassesTheSlotAndAddsInputMinusOutputToTheSide)
 {
     EngineReset();
     constexpr uint32_t kFrames = 500;
-    SampleBlock frames;
-    frames.Resize(kFrames * kFrameFloats, true);
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 3);
-    std::copy(signal.begin(), signal.end(), frames.data);
+    FrameBlock frames(kFrames, 44100, 3);
+    frames.Load(signal);
     const std::vector<float> sideStart = TestSignal(kFrames, 4);
     std::vector<float> side = sideStart;
-    ProcessorBlock block = MakeBlock(frames, kFrames, 44100);
 
     FilterState memory{};
-    SplitHighPass2(memory, kSlotR, side.data(), 120.0f, block);
+    SplitHighPass2(memory, kSlotR, side.data(), 120.0f, frames.pb);
 
     const SectionCoefficients k = ReferenceCoefficients(120.0f, 44100, false);
     FilterState ref{};
@@ -221,11 +217,11 @@ TEST(SplitHighPass2, HighPassesTheSlotAndAddsInputMinusOutputToTheSide)
         const float x = signal[6 * i + kSlotR];
         const float y = ReferenceHighPassStep(ref, x, k);
         const float d = x - y;
-        ASSERT_EQ(frames.data[6 * i + kSlotR], y) << "frame " << i;
+        ASSERT_EQ(frames.block.data[6 * i + kSlotR], y) << "frame " << i;
         ASSERT_EQ(side[i], d + sideStart[i]) << "frame " << i;
         for (uint32_t s = 0; s < kFrameFloats; ++s) {
             if (s != kSlotR) {
-                ASSERT_EQ(frames.data[6 * i + s], signal[6 * i + s]);
+                ASSERT_EQ(frames.block.data[6 * i + s], signal[6 * i + s]);
             }
         }
     }
@@ -442,16 +438,14 @@ TEST(SecondOrderEdge, SplitHighPassThreeCallsSumThreeResiduals)
 {
     EngineReset();
     constexpr uint32_t kFrames = 800;
-    SampleBlock frames;
-    frames.Resize(kFrames * kFrameFloats, true);
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 9);
-    std::copy(signal.begin(), signal.end(), frames.data);
+    FrameBlock frames(kFrames, 44100, 3);
+    frames.Load(signal);
     std::vector<float> side(kFrames, 0.0f);
-    ProcessorBlock block = MakeBlock(frames, kFrames, 44100);
 
     FilterState memory[3] = {};
     for (uint32_t s = 0; s < 3; ++s)
-        SplitHighPass2(memory[s], s, side.data(), 150.0f, block);
+        SplitHighPass2(memory[s], s, side.data(), 150.0f, frames.pb);
 
     const SectionCoefficients k = ReferenceCoefficients(150.0f, 44100, false);
     FilterState ref[3] = {};
@@ -472,18 +466,16 @@ TEST(SecondOrderEdge, SplitHighPassResidualPlusOutputGivesBackTheInput)
 {
     EngineReset();
     constexpr uint32_t kFrames = 2000;
-    SampleBlock frames;
-    frames.Resize(kFrames * kFrameFloats, true);
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 10);
-    std::copy(signal.begin(), signal.end(), frames.data);
+    FrameBlock frames(kFrames, 44100, 3);
+    frames.Load(signal);
     std::vector<float> side(kFrames, 0.0f);
-    ProcessorBlock block = MakeBlock(frames, kFrames, 44100);
 
     FilterState memory{};
-    SplitHighPass2(memory, 1, side.data(), 200.0f, block);
+    SplitHighPass2(memory, 1, side.data(), 200.0f, frames.pb);
     for (uint32_t i = 0; i < kFrames; ++i) {
         const float x = signal[6 * i + 1];
-        const float y = frames.data[6 * i + 1];
+        const float y = frames.block.data[6 * i + 1];
         const float back = side[i] + y;
         const double bound = double(FLT_EPSILON) * (std::fabs(double(x)) + std::fabs(double(y)));
         ASSERT_LE(std::fabs(double(back) - double(x)), bound) << "frame " << i;

@@ -305,14 +305,12 @@ TEST(BandSplit, HighBandIsThe1200HzHighPassAndLowBandTheRest)
 {
     EngineReset();
     constexpr uint32_t kCount = 1500;
-    SampleBlock frames;
-    frames.Resize(kCount * kFrameFloats, true);
     const std::vector<float> signal = TestSignal(kCount * kFrameFloats, 5);
-    std::copy(signal.begin(), signal.end(), frames.data);
-    ProcessorBlock block = MakeBlock(frames, kCount, 44100);
+    FrameBlock frames(kCount, 44100, 3);
+    frames.Load(signal);
     EngineState.HighBand.Resize(2 * kCount, false);
     EngineState.LowBand.Resize(2 * kCount, false);
-    BandSplit(block);
+    BandSplit(frames.pb);
 
     ReferenceSection left = ReferenceHighPass(1200.0f, 44100);
     ReferenceSection right = ReferenceHighPass(1200.0f, 44100);
@@ -327,7 +325,7 @@ TEST(BandSplit, HighBandIsThe1200HzHighPassAndLowBandTheRest)
         ASSERT_EQ(EngineState.LowBand.data[2 * i + 1], r - hr) << "frame " << i;
     }
     for (uint32_t i = 0; i < kCount * kFrameFloats; ++i)
-        ASSERT_EQ(frames.data[i], signal[i]);
+        ASSERT_EQ(frames.block.data[i], signal[i]);
     EXPECT_EQ(EngineState.BandFilter[0].y1, left.m.y1);
     EXPECT_EQ(EngineState.BandFilter[1].y1, right.m.y1);
 }

@@ -37,6 +37,13 @@ struct FrameBlock {
 
     float& at(uint32_t frame, uint32_t slot) { return block.data[frame * kFrameFloats + slot]; }
 
+    // All six slots of every frame from `floats`, frame after frame.
+    void Load(const std::vector<float>& floats)
+    {
+        for (uint32_t i = 0; i < pb.Frames * kFrameFloats; ++i)
+            block.data[i] = floats[i];
+    }
+
     // Slot `slot` of frame i holds values[i].
     void Fill(uint32_t slot, const std::vector<float>& values)
     {
