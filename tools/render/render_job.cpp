@@ -362,12 +362,18 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     ChannelLevels input_levels{};
     InitLevels(input_levels, 1, window_frames);
 
-    std::vector<uint64_t> input_start(run.sources.size());  // stream frame of each input's first frame
+    // Where each input lands in the stream that comes back. A reset drops
+    // what the convolver still holds (only silence, after the padding), so
+    // the stream starts afresh with the piece opened after it: an input's
+    // place is counted from the first piece since the last reset.
+    std::vector<size_t> input_segment(run.sources.size());   // first piece since the last reset
+    std::vector<uint64_t> input_offset(run.sources.size());  // frames written since that reset before it
     std::vector<uint64_t> input_frames(run.sources.size());
+    size_t segment = 0;
     std::vector<uint8_t> block;
     std::vector<uint8_t> buffer;
     std::vector<double> power;
-    uint64_t stream_frames = 0;  // frames written since the start of the run, silence included
+    uint64_t stream_frames = 0;  // frames written since the last reset, silence included
 
     for (size_t i = 0; i < run.sources.size(); ++i) {
         PcmSource& source = run.sources[i];
@@ -378,8 +384,11 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
             return false;
         run.pieces.push_back(piece);
 
-        if (request.reset_between && i > 0)
+        if (request.reset_between && i > 0) {
             SendHostCommand(*context.session, kCommandPlay);
+            segment = i;
+            stream_frames = 0;
+        }
         if (module->Open(source.rate, source.channels, source.bits, kBufferLengthMs, kPrebufferMs) < 0) {
             error = "the processor could not open its output for " + source.path;
             return false;
@@ -389,7 +398,8 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         module->SetPan(kCentrePan);
 
         const int frame_bytes = source.channels * source.bits / 8;
-        input_start[i] = stream_frames;
+        input_segment[i] = segment;
+        input_offset[i] = stream_frames;
         for (;;) {
             if (RenderInterrupted) {
                 error = "interrupted";
@@ -447,15 +457,20 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     const WavLayout& first_piece = run.stream.layouts.front();
     const int out_bits = first_piece.format.bits;
     const int keep_channels = request.two_channel ? std::min<int>(2, first_piece.format.channels) : first_piece.format.channels;
-    // Every frame of every input must have come out; the silence behind
-    // them need not have.
-    uint64_t needed_frames = 0;
-    for (size_t i = 0; i < run.sources.size(); ++i)
-        needed_frames = std::max(needed_frames, input_start[i] + input_frames[i]);
-    if (run.stream.total_frames < needed_frames) {
-        error = "the processor gave back " + std::to_string(run.stream.total_frames) + " frames of the " +
-                std::to_string(needed_frames) + " played";
-        return false;
+    // Every frame of every input must have come out before the next reset;
+    // the silence behind them need not have.
+    std::vector<uint64_t> input_start(run.sources.size());  // stream frame of each input's first frame
+    for (size_t i = 0; i < run.sources.size(); ++i) {
+        input_start[i] = run.stream.first_frame[input_segment[i]] + input_offset[i];
+        size_t next = i + 1;
+        while (next < run.sources.size() && input_segment[next] == input_segment[i])
+            ++next;
+        const uint64_t segment_end =
+            next < run.sources.size() ? run.stream.first_frame[input_segment[next]] : run.stream.total_frames;
+        if (input_start[i] + input_frames[i] > segment_end) {
+            error = "the processor gave back too few frames for " + run.sources[i].path;
+            return false;
+        }
     }
     ChannelLevels stream_levels{};
     InitLevels(stream_levels, keep_channels, window_frames);
