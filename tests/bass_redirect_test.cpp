@@ -19,11 +19,11 @@
 #include "tests/support/frame_block.h"
 #include "tests/support/reference_filters.h"
 #include "tests/support/test_signal.h"
+#include "tests/support/trim_gain.h"
 
 namespace {
 
-constexpr float kBassDrop = 0.316f;      // 0.316000015
-constexpr float kDecibelStep = 0.05f;    // 0.05000000074505806
+constexpr float kBassDrop = 0.316f;  // 0.316000015
 
 // pow(10, trim x 0.05) x sign x 0.316 in double, one rounding.
 float ExpectedGain(int32_t trim, int32_t invert)

@@ -25,19 +25,13 @@
 #include "signal/processor.h"
 #include "tests/support/engine_settings.h"
 #include "tests/support/pcm_words.h"
+#include "tests/support/trim_gain.h"
 
 namespace {
 
 constexpr int32_t kHeadphoneMode = 4;
 constexpr int32_t kEncodeMode = 5;
 constexpr int32_t kRawRate = 8000;  // outside the Headphone range
-
-// Decibels to gain as the stages must make it: 0.05 as a float, product and
-// power in double, one rounding.
-float Gain(int32_t trim)
-{
-    return float(std::pow(10.0, double(trim) * double(0.05f)));
-}
 
 // 16-bit source of `channels` channels; sample k of frame i from `sample`.
 template <typename Sample>

@@ -20,16 +20,11 @@
 #include "signal/sample_block.h"
 #include "tests/support/frame_block.h"
 #include "tests/support/test_signal.h"
+#include "tests/support/trim_gain.h"
 
 namespace {
 
 constexpr float kMatrixGain = 0.707f;  // 0.7070000171661377
-constexpr float kDecibelStep = 0.05f;
-
-float Gain(int32_t trim)
-{
-    return float(std::pow(10.0, double(trim) * double(kDecibelStep)));
-}
 
 constexpr SignalMix kSignal{0.6, 0.021, 0.0, 0.0, 0.4};
 

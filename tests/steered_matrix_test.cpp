@@ -23,6 +23,7 @@
 #include "tests/support/frame_block.h"
 #include "tests/support/reference_filters.h"
 #include "tests/support/test_signal.h"
+#include "tests/support/trim_gain.h"
 
 namespace {
 
@@ -30,12 +31,6 @@ constexpr float kTermRate = 0.839f;   // 0.838999987
 constexpr float kInputGain = 0.707f;  // 0.7070000171661377
 constexpr float kWidthStep = 0.00666666683f;
 constexpr float kCentreFloor = 0.333f;
-constexpr float kDecibelStep = 0.05f;
-
-float Gain(int32_t trim)
-{
-    return float(std::pow(10.0, double(trim) * double(kDecibelStep)));
-}
 
 SteeringTerms ReferenceTerms(float x, float y)
 {
