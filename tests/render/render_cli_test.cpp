@@ -634,9 +634,18 @@ TEST_F(RenderFixture, InputsOfDifferentRatesNeedAFolderOfOutputs)
     const std::string b = Input("b.wav", low);
     const std::vector<std::string> before = FolderEntries(work.path);
     ExpectCleanFailure(Render({a, b, work.File("o.wav")}), "different sample rates", work.path, before);
-    const ProcessResult result = Render({"-q", "-o", work.File("out"), a, b});
-    ASSERT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(ReadTestAudio(work.File("out/a.wav")).rate, kRate);
-    EXPECT_EQ(ReadTestAudio(work.File("out/b.wav")).rate, 22050);
-    EXPECT_EQ(ReadTestAudio(work.File("out/b.wav")).Frames(), 3000);
+    // In the headphone mode too, where the convolver holds frames of the
+    // first file while the second, out of its range of rates, passes it by.
+    for (const char* mode : {"asr", "headphone"}) {
+        const ProcessResult result = Render({"-q", "--mode", mode, "-o", work.File("out"), a, b});
+        ASSERT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(ReadTestAudio(work.File("out/a.wav")).rate, kRate);
+        EXPECT_EQ(ReadTestAudio(work.File("out/a.wav")).Frames(), 3000);
+        EXPECT_EQ(ReadTestAudio(work.File("out/b.wav")).rate, 22050);
+        EXPECT_EQ(ReadTestAudio(work.File("out/b.wav")).Frames(), 3000);
+    }
+    // The file at the supported rate sounds as it does on its own.
+    ASSERT_EQ(Render({"-q", "--mode", "headphone", a, work.File("alone.wav")}).status, 0);
+    ExpectSameOutput(ReadTestAudio(work.File("out/a.wav")).samples, ReadTestAudio(work.File("alone.wav")).samples,
+                     true, "headphone");
 }

@@ -427,9 +427,13 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         }
 
         // Silence until the convolver has let go of everything it holds:
-        // at the end of the play-list, and before a Stop, which would drop it.
+        // at the end of the play-list, before a Stop, which would drop it,
+        // and before a file of another rate or channel count, which may pass
+        // the convolver by while it still holds frames of this one.
         const bool last = i + 1 == run.sources.size();
-        if (last || request.reset_between) {
+        const bool format_changes = !last && (run.sources[i + 1].rate != source.rate ||
+                                              run.sources[i + 1].channels != source.channels);
+        if (last || request.reset_between || format_changes) {
             int64_t padding = kEndPaddingFrames;
             while (padding > 0) {
                 const int frames = static_cast<int>(std::min<int64_t>(padding, kWriteFrames));
