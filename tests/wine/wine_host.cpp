@@ -992,6 +992,15 @@ DWORD WINAPI DriveDialog(void* context)
         lit += static_cast<int>(SendMessageW(GetDlgItem(dialog, id), BM_GETCHECK, 0, 0));
     CheckEqual(lit, 5, "dialog: Umute All sets the five speakers");
 
+    // "Configure" calls the chained plug-in's own Config and keeps its library.
+    SendMessageW(dialog, WM_COMMAND, MAKEWPARAM(1030, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(dialog, 1030)));
+    const std::vector<std::string> log = RecorderLog();
+    Check(std::find(log.begin(), log.end(), "Config") != log.end() &&
+              std::find(log.begin(), log.end(), "Init") == log.end(),
+          "dialog: Configure calls the chained Config, without its Init", Joined(log));
+    Check(GetModuleHandleW(run->host->recorderPath.c_str()) != nullptr,
+          "dialog: Configure leaves the chained library loaded");
+
     // The picture for people: the dialog as the screen shows it.
     SetForegroundWindow(dialog);
     RedrawWindow(dialog, nullptr, nullptr, RDW_INVALIDATE | RDW_ERASE | RDW_ALLCHILDREN | RDW_UPDATENOW);
