@@ -1048,6 +1048,27 @@ DWORD WINAPI DriveDialog(void* context)
     return 0;
 }
 
+// A second opening: the word size moved to 32, then the close box, which
+// has the effect of Cancel.
+DWORD WINAPI CancelDialog(void* context)
+{
+    auto* found = static_cast<bool*>(context);
+    HWND dialog = nullptr;
+    for (int tries = 0; tries < 400 && dialog == nullptr; ++tries) {
+        Sleep(50);
+        dialog = FindWindowW(L"#32770", L"Kelvane Processor Configuration");
+    }
+    *found = dialog != nullptr;
+    if (dialog == nullptr)
+        return 0;
+    Sleep(200);
+    HWND depths = GetDlgItem(dialog, 1031);
+    SendMessageW(depths, CB_SETCURSEL, 2, 0);
+    SendMessageW(dialog, WM_COMMAND, MAKEWPARAM(1031, CBN_SELCHANGE), reinterpret_cast<LPARAM>(depths));
+    PostMessageW(dialog, WM_CLOSE, 0, 0);
+    return 0;
+}
+
 void Dialog(Host& host, const std::wstring& screenshot)
 {
     CheckTemplate(host);
@@ -1070,6 +1091,21 @@ void Dialog(Host& host, const std::wstring& screenshot)
         CheckEqual(static_cast<long long>(word), static_cast<long long>(value.second),
                    "dialog: OK stored " + Narrow(value.first));
     }
+
+    bool reopened = false;
+    HANDLE canceller = CreateThread(nullptr, 0, &CancelDialog, &reopened, 0, nullptr);
+    host.module->Config(host.window);
+    WaitForSingleObject(canceller, 30000);
+    Check(reopened, "dialog: Config shows the dialog a second time");
+    DWORD bits = 0;
+    GetDword(L"Out_Bits", bits);
+    CheckEqual(static_cast<int>(bits), 24, "dialog: the close box leaves the registry alone");
+    DeleteFileW(LogPath.c_str());
+    host.module->Open(44100, 2, 16, 500, 0);
+    host.module->Close();
+    const std::vector<std::string> log = RecorderLog();
+    Check(!log.empty() && log[0] == "Open 44100 6 24 500 0",
+          "dialog: after the close box the word size is the registry's again", Joined(log));
     host.module->Quit();
 }
 
