@@ -6,7 +6,9 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fstream>
+#include <fcntl.h>
 #include <map>
+#include <pty.h>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -648,4 +650,60 @@ TEST_F(RenderFixture, InputsOfDifferentRatesNeedAFolderOfOutputs)
     ASSERT_EQ(Render({"-q", "--mode", "headphone", a, work.File("alone.wav")}).status, 0);
     ExpectSameOutput(ReadTestAudio(work.File("out/a.wav")).samples, ReadTestAudio(work.File("alone.wav")).samples,
                      true, "headphone");
+}
+
+namespace {
+
+// Runs the renderer with standard error on a terminal of its own and gives
+// back what appeared there.
+std::string RenderOnTerminal(const std::vector<std::string>& args,
+                             const std::vector<std::pair<std::string, std::string>>& env)
+{
+    int terminal = -1;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (child == 0) {
+        for (const auto& [name, value] : env)
+            value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
+        // Only standard error stays on the terminal.
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        std::vector<char*> argv;
+        for (const std::string& arg : args)
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    std::string seen;
+    char chunk[4096];
+    for (;;) {
+        const ssize_t got = read(terminal, chunk, sizeof chunk);
+        if (got <= 0)
+            break;
+        seen.append(chunk, static_cast<size_t>(got));
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    close(terminal);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << seen;
+    return seen;
+}
+
+}  // namespace
+
+TEST_F(RenderFixture, ProgressShowsOnATerminalUnlessQuiet)
+{
+    const std::string in = Input("in.wav", StereoNoise(kRate * 20, 35));
+    const std::vector<std::string> common = {RenderPath(), "--plugin", PluginPath(), "--out-wav", OutWavPath(),
+                                             "--mode", "headphone"};
+    std::vector<std::string> loud = common;
+    loud.insert(loud.end(), {in, work.File("loud.wav")});
+    const std::string shown = RenderOnTerminal(loud, Environment());
+    EXPECT_NE(shown.find("%"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("x real time"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("left"), std::string::npos) << shown;
+
+    std::vector<std::string> quiet = common;
+    quiet.insert(quiet.end(), {"-q", in, work.File("quiet.wav")});
+    EXPECT_EQ(RenderOnTerminal(quiet, Environment()), "");
 }
