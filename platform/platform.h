@@ -21,6 +21,12 @@
 #include <windows.h>
 #include <commctrl.h>
 #include <commdlg.h>
+// On 64-bit Windows a window procedure is a pointer-wide value, and only the
+// pointer-wide call keeps all of it.
+#ifdef _WIN64
+#undef SetWindowLongW
+#define SetWindowLongW SetWindowLongPtrW
+#endif
 
 #else  // POSIX
 
