@@ -1,10 +1,12 @@
-# Thin wrapper over CMake and CTest, so that the two everyday commands work
-# on a fresh Debian machine: `make demo` and `make test`.
+# Thin wrapper over CMake and CTest, so that the everyday commands work on a
+# fresh Debian 12 machine: `make demo` and `make test`. Packages that are
+# missing are installed with apt-get (as root, or through sudo).
 BUILD ?= build
+DEMO ?= demo
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build demo test bench clean
+.PHONY: all deps configure build demo test test-linux test-windows windows-deps bench clean
 
 all: build
 
@@ -17,14 +19,26 @@ configure: deps
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The main job: renders the embedded test scenes in every mode into $(DEMO)/
+# and prints where each source lands.
 demo: build
-	$(BUILD)/tools/kelvane-demo
+	$(BUILD)/tools/render/kelvane-render --demo $(DEMO)
 
-test: build
+# Every test: the Linux build, then the Windows DLLs under Wine.
+test: test-linux test-windows
+
+test-linux: build
 	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
+
+windows-deps:
+	@command -v i686-w64-mingw32-g++ >/dev/null && command -v wine >/dev/null && command -v Xvfb >/dev/null \
+	  || { if [ "$$(id -u)" -eq 0 ]; then tools/windows/setup.sh; else sudo tools/windows/setup.sh; fi; }
+
+test-windows: windows-deps
+	tools/windows/build.sh --test
 
 bench: build
 	$(BUILD)/bench/kelvane-bench
 
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) build-win32 build-win64 $(DEMO)
