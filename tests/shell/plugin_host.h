@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "platform/platform.h"  // the emulated dialog's records and the message numbers
-#include "tests/shell/host_record.h"
 #include "tests/shell/recording_log.h"
+#include "tools/host/out_module_host.h"
 
 namespace fs = std::filesystem;
 
@@ -191,11 +191,11 @@ protected:
 
     // ---- The plug-in ----
 
-    host::OutModule* Load()
+    host::Out_Module* Load()
     {
         library = dlopen(KELVANE_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
         EXPECT_NE(library, nullptr) << dlerror();
-        getModule = reinterpret_cast<host::GetOutModule>(dlsym(library, "winampGetOutModule"));
+        getModule = reinterpret_cast<host::GetOutModuleFunction>(dlsym(library, "winampGetOutModule"));
         EXPECT_NE(getModule, nullptr);
         module = getModule();
         module->hMainWindow = &window;
@@ -246,7 +246,7 @@ protected:
 
     static constexpr intptr_t kHostReply = 0x5151;
 
-    static intptr_t HostProc(host::Window*, uint32_t message, uintptr_t wParam, intptr_t lParam)
+    static intptr_t HostProc(host::HWND, uint32_t message, uintptr_t wParam, intptr_t lParam)
     {
         PluginHost& self = *Current;
         if (message == WM_ENTERIDLE) {
@@ -341,9 +341,9 @@ protected:
     fs::path stderrFile;
     int savedStderr = -1;
     void* library = nullptr;
-    host::GetOutModule getModule = nullptr;
-    host::OutModule* module = nullptr;
-    host::Window window{};
+    host::GetOutModuleFunction getModule = nullptr;
+    host::Out_Module* module = nullptr;
+    host::HostWindow window{};
     std::vector<Received> received;
     std::vector<Step> script;
     size_t nextStep = 0;

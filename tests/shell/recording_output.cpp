@@ -1,8 +1,8 @@
 // An output plug-in that plays nothing and records everything it is given,
 // built twice under two names, so that the tests can chain it and switch
 // between two of them.
-#include "tests/shell/host_record.h"
 #include "tests/shell/recording_log.h"
+#include "tools/host/out_module_host.h"
 
 #ifndef RECORDER_NAME
 #error "RECORDER_NAME names the recorder"
@@ -10,10 +10,10 @@
 
 namespace {
 
-host::OutModule Module;
+host::Out_Module Module;
 
-void Config(host::Window* parent) { Record(RECORDER_NAME, "Config", {int64_t(intptr_t(parent))}); }
-void About(host::Window* parent) { Record(RECORDER_NAME, "About", {int64_t(intptr_t(parent))}); }
+void Config(host::HWND parent) { Record(RECORDER_NAME, "Config", {int64_t(intptr_t(parent))}); }
+void About(host::HWND parent) { Record(RECORDER_NAME, "About", {int64_t(intptr_t(parent))}); }
 void Init() { Record(RECORDER_NAME, "Init", {}); }
 void Quit() { Record(RECORDER_NAME, "Quit", {}); }
 
@@ -46,9 +46,9 @@ __attribute__((destructor)) void Unloaded() { Record(RECORDER_NAME, "unload", {}
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) host::OutModule* winampGetOutModule()
+extern "C" __attribute__((visibility("default"))) host::Out_Module* winampGetOutModule()
 {
-    Module.version = 0x10;
+    Module.version = host::kOutModuleVersion;
     Module.description = "Recording output " RECORDER_NAME;
     Module.id = RECORDER_ID;
     Module.Config = &Config;

@@ -39,7 +39,7 @@ bool AllZero(const std::vector<uint8_t>& bytes)
 
 TEST_F(PluginHost, Record_ConstantsStandBeforeInit)
 {
-    host::OutModule* record = Load();
+    host::Out_Module* record = Load();
     EXPECT_EQ(record->version, 16);
     EXPECT_STREQ(record->description, "Morrowfen Kelvane Processor 0.1.3a");
     EXPECT_EQ(record->id, 6546551);
@@ -62,11 +62,11 @@ TEST_F(PluginHost, Record_ConstantsStandBeforeInit)
 
 TEST_F(PluginHost, Record_SecondCallGivesSamePointerAndKeepsHostFields)
 {
-    host::OutModule* first = Load();
-    host::Window other{};
+    host::Out_Module* first = Load();
+    host::HostWindow other{};
     first->hMainWindow = &other;
     first->hDllInstance = reinterpret_cast<void*>(uintptr_t(0x1234));
-    host::OutModule* second = getModule();
+    host::Out_Module* second = getModule();
     EXPECT_EQ(second, first);
     EXPECT_EQ(second->hMainWindow, &other);
     EXPECT_EQ(second->hDllInstance, reinterpret_cast<void*>(uintptr_t(0x1234)));
@@ -535,8 +535,8 @@ TEST_F(PluginHost, ChainedRecord_HostFieldsNeverFilledIn)
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
     void* recorder = dlopen(RECORDER_A_PATH, RTLD_NOW | RTLD_NOLOAD);
     ASSERT_NE(recorder, nullptr);
-    auto get = reinterpret_cast<host::GetOutModule>(dlsym(recorder, "winampGetOutModule"));
-    host::OutModule* chained = get();
+    auto get = reinterpret_cast<host::GetOutModuleFunction>(dlsym(recorder, "winampGetOutModule"));
+    host::Out_Module* chained = get();
     EXPECT_EQ(chained->hMainWindow, nullptr);
     EXPECT_EQ(chained->hDllInstance, nullptr);
     dlclose(recorder);
