@@ -1,6 +1,9 @@
-// Throughput of one write through ConvertAndProcess in each mode, 576
-// stereo frames of 16-bit noise-like PCM at 44100 Hz, 16-bit output.
+// The write path: one write through ConvertAndProcess in each mode, 576
+// frames of 16-bit noise-like PCM at 44100 Hz, 16-bit output. And the cost
+// of building the engine, which every load of the plug-in pays: 21 plans
+// measured with FFTW_MEASURE and six tables transformed.
 #include <benchmark/benchmark.h>
+#include <fftw3.h>
 
 #include <cstdint>
 #include <vector>
@@ -50,9 +53,22 @@ void WriteInMode(benchmark::State& state, uint32_t channels)
 }
 
 void BM_StereoWrite(benchmark::State& state) { WriteInMode(state, 2); }
+
+void BM_EngineConstruction(benchmark::State& state)
+{
+    for (auto _ : state) {
+        // Forget what the planner learned, so that each construction
+        // measures its plans anew as a fresh process does.
+        fftwf_forget_wisdom();
+        EngineStateRecord* engine = new EngineStateRecord();
+        benchmark::DoNotOptimize(engine);
+        delete engine;
+    }
+}
 void BM_SixChannelWrite(benchmark::State& state) { WriteInMode(state, 6); }
 
 }  // namespace
 
 BENCHMARK(BM_StereoWrite)->DenseRange(0, 5)->ArgName("mode");
 BENCHMARK(BM_SixChannelWrite)->Arg(0)->Arg(4)->Arg(5)->ArgName("mode");
+BENCHMARK(BM_EngineConstruction)->Unit(benchmark::kMillisecond)->Iterations(3);

@@ -16,10 +16,13 @@
 #include <fftw3.h>
 
 #include <cstring>
+#include <type_traits>
 
 #include "encoders/impulse_tables.h"
 #include "signal/engine_state.h"
 #include "signal/frame.h"
+
+static_assert(std::is_same_v<fftwf_plan, FftPlan>, "the engine holds FFTW's own plan handles");
 
 namespace {
 
@@ -28,13 +31,6 @@ constexpr float kEarScale = 0.354f;                // 0.3540000021457672
 constexpr int kSpeakers = 5;                       // L, R, C, SL, SR
 constexpr int kProducts = 10;
 constexpr uint32_t kPaddingFloats = kSpectrumFloats - kBlockFrames;  // 8194
-
-// The FFT plans live as long as the engine. The impulse plan is overwritten
-// for each of the six tables; the first five handles are dropped, never
-// destroyed, on purpose.
-fftwf_plan ImpulsePlan;
-fftwf_plan InputPlan[kSpeakers];
-fftwf_plan ProductPlan[kProducts];
 
 // Per speaker: its frame slot and the two tables of its product pair
 // (even product = near table, or centre-left; odd = far, or centre-right).
@@ -95,7 +91,7 @@ void ConvolveBlock(float* ears)
     for (int s = 0; s < kSpeakers; ++s)
         std::memset(EngineState.InputBlock[s].data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
     for (int s = 0; s < kSpeakers; ++s)
-        fftwf_execute(InputPlan[s]);
+        fftwf_execute(EngineState.InputPlan[s]);
     for (int s = 0; s < kSpeakers; ++s) {
         const int p = 2 * s;
         const float* x = EngineState.InputBlock[s].data;
@@ -103,8 +99,8 @@ void ConvolveBlock(float* ears)
                         EngineState.ProductBlock[p].data);
         MultiplySpectra(x, EngineState.ImpulseSpectrum[kRoutes[s].secondTable].data,
                         EngineState.ProductBlock[p + 1].data);
-        fftwf_execute(ProductPlan[p]);
-        fftwf_execute(ProductPlan[p + 1]);
+        fftwf_execute(EngineState.ProductPlan[p]);
+        fftwf_execute(EngineState.ProductPlan[p + 1]);
     }
 
     const float* P[kProducts];
@@ -134,30 +130,32 @@ void BuildHeadphoneConvolver(EngineStateRecord& engine)
         engine.ImpulseSpectrum[t].Resize(kSpectrumFloats, false);
     for (int t = 0; t < kImpulseTableCount; ++t) {
         SampleBlock& spectrum = engine.ImpulseSpectrum[t];
-        ImpulsePlan = ForwardPlan(spectrum);
+        // Overwritten for each table: the first five handles are dropped and
+        // never destroyed, on purpose.
+        engine.ImpulsePlan = ForwardPlan(spectrum);
         CopyImpulseTable(t, spectrum.data);
         std::memset(spectrum.data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
-        fftwf_execute(ImpulsePlan);
+        fftwf_execute(engine.ImpulsePlan);
     }
     for (int s = 0; s < kSpeakers; ++s)
         engine.InputBlock[s].Resize(kSpectrumFloats, false);
     for (int s = 0; s < kSpeakers; ++s)
-        InputPlan[s] = ForwardPlan(engine.InputBlock[s]);
+        engine.InputPlan[s] = ForwardPlan(engine.InputBlock[s]);
     for (int p = 0; p < kProducts; ++p)
         engine.ProductBlock[p].Resize(kSpectrumFloats, false);
     for (int p = 0; p < kProducts; ++p)
-        ProductPlan[p] = InversePlan(engine.ProductBlock[p]);
+        engine.ProductPlan[p] = InversePlan(engine.ProductBlock[p]);
     engine.OverlapBlock.Resize(kTransformLength, true);
     engine.Pending_Frames = 0;
 }
 
-void DestroyHeadphonePlans()
+void DestroyHeadphonePlans(EngineStateRecord& engine)
 {
     for (int s = 0; s < kSpeakers; ++s)
-        fftwf_destroy_plan(InputPlan[s]);
-    fftwf_destroy_plan(ImpulsePlan);
+        fftwf_destroy_plan(engine.InputPlan[s]);
+    fftwf_destroy_plan(engine.ImpulsePlan);
     for (int p = 0; p < kProducts; ++p)
-        fftwf_destroy_plan(ProductPlan[p]);
+        fftwf_destroy_plan(engine.ProductPlan[p]);
 }
 
 void ConvolveHeadphone(ProcessorBlock& block)

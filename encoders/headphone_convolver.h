@@ -17,6 +17,6 @@ constexpr uint32_t kSpectrumFloats = 16386;   // 8193 complex bins in place
 // plans of the input and product blocks. Load time only.
 void BuildHeadphoneConvolver(EngineStateRecord& engine);
 // Destroys the five input plans, the impulse plan, then the ten product plans.
-void DestroyHeadphonePlans();
+void DestroyHeadphonePlans(EngineStateRecord& engine);
 
 void ConvolveHeadphone(ProcessorBlock& block);

@@ -21,8 +21,8 @@ EngineStateRecord::EngineStateRecord()
 
 EngineStateRecord::~EngineStateRecord()
 {
-    EngineReset();
-    DestroyHeadphonePlans();
+    ResetEngineState(*this);
+    DestroyHeadphonePlans(*this);
     // Release in reverse order of declaration.
     for (int k = 9; k >= 0; --k)
         ProductBlock[k].Release();
@@ -47,22 +47,27 @@ EngineStateRecord EngineState;
 SampleBlock FrameBlock;
 SampleBlock PcmBlock;
 
-// write path / Flush / Open / Close / Quit: never during a write.
-void EngineReset()
+void ResetEngineState(EngineStateRecord& engine)
 {
     FilterState* const memories[] = {
-        &EngineState.BassFilter[0],  &EngineState.BassFilter[1],     &EngineState.BassFilter[2],
-        &EngineState.SurroundFilter[0], &EngineState.SurroundFilter[1], &EngineState.LfeHighPass,
-        &EngineState.LfeLowPass,     &EngineState.LfeChain,          &EngineState.BandFilter[0],
-        &EngineState.BandFilter[1],  &EngineState.SteerFilter[0],    &EngineState.SteerFilter[1],
-        &EngineState.SteerFilter[2], &EngineState.SteerFilter[3],
+        &engine.BassFilter[0],     &engine.BassFilter[1],     &engine.BassFilter[2],
+        &engine.SurroundFilter[0], &engine.SurroundFilter[1], &engine.LfeHighPass,
+        &engine.LfeLowPass,        &engine.LfeChain,          &engine.BandFilter[0],
+        &engine.BandFilter[1],     &engine.SteerFilter[0],    &engine.SteerFilter[1],
+        &engine.SteerFilter[2],    &engine.SteerFilter[3],
     };
     for (FilterState* m : memories)
         *m = FilterState{0.0f, 0.0f, 0.0f, 0.0f};
     // The rings keep their length and position; only their contents go.
-    EngineState.OverlapBlock.Zero();
-    EngineState.SurroundDelayLine[0].Zero();
-    EngineState.SurroundDelayLine[1].Zero();
+    engine.OverlapBlock.Zero();
+    engine.SurroundDelayLine[0].Zero();
+    engine.SurroundDelayLine[1].Zero();
     // Held-back frames are dropped for good, with no silence in their place.
-    EngineState.Pending_Frames = 0;
+    engine.Pending_Frames = 0;
+}
+
+// Flush, Open, Close, Quit and the destructor: never during a write.
+void EngineReset()
+{
+    ResetEngineState(EngineState);
 }

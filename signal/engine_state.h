@@ -10,6 +10,10 @@
 #include "filters/second_order.h"
 #include "signal/sample_block.h"
 
+// FFTW's opaque plan, as fftw3.h declares it.
+struct fftwf_plan_s;
+using FftPlan = fftwf_plan_s*;
+
 struct EngineStateRecord {
     // Filter memories, cleared by EngineReset.
     FilterState BassFilter[3];      // split high-pass on L, R, C (bass redirection)
@@ -37,6 +41,11 @@ struct EngineStateRecord {
 
     uint32_t Pending_Frames;  // frames held back by the convolver, 0..8191
 
+    // The FFT plans, made at construction and living as long as the object.
+    FftPlan ImpulsePlan;     // overwritten for each of the six tables; the first five are never destroyed
+    FftPlan InputPlan[5];    // forward, one per InputBlock
+    FftPlan ProductPlan[10]; // inverse, one per ProductBlock
+
     EngineStateRecord();
     ~EngineStateRecord();
     EngineStateRecord(const EngineStateRecord&) = delete;
@@ -48,3 +57,5 @@ extern EngineStateRecord EngineState;
 // Clears all filter memories, the overlap and both delay rings, and drops the
 // frames the convolver holds back.
 void EngineReset();
+// The same on a given state object.
+void ResetEngineState(EngineStateRecord& engine);
