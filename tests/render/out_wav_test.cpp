@@ -8,19 +8,19 @@
 #include <gtest/gtest.h>
 
 #include "test_audio.h"
-#include "tools/render/out_module.h"
+#include "tools/host/out_module_host.h"
 
 namespace {
 
 constexpr int kProcessorId = 6546551;
 
-Out_Module* LoadWriter()
+host::Out_Module* LoadWriter()
 {
     void* library = dlopen(OutWavPath().c_str(), RTLD_NOW | RTLD_LOCAL);
     EXPECT_NE(library, nullptr) << dlerror();
     if (library == nullptr)
         return nullptr;
-    auto get = reinterpret_cast<GetOutModuleFunction>(dlsym(library, "winampGetOutModule"));
+    auto get = reinterpret_cast<host::GetOutModuleFunction>(dlsym(library, host::kGetOutModuleName));
     EXPECT_NE(get, nullptr);
     return get != nullptr ? get() : nullptr;
 }
@@ -38,7 +38,7 @@ void SetOutFile(const TempFolder& config, const std::string& file)
 struct WriterFixture : ::testing::Test {
     TempFolder config;
     TempFolder output;
-    Out_Module* module = nullptr;
+    host::Out_Module* module = nullptr;
     void SetUp() override
     {
         setenv("XDG_CONFIG_HOME", config.path.c_str(), 1);
@@ -84,13 +84,13 @@ TEST_F(WriterFixture, RecordHasVersion16AndAllFifteenFunctions)
 
 TEST_F(WriterFixture, SecondCallKeepsTheHostsHandles)
 {
-    HostWindow window{nullptr};
+    host::HostWindow window{nullptr};
     module->hMainWindow = &window;
-    module->hDllInstance = reinterpret_cast<HINSTANCE>(0x1234);
-    Out_Module* again = LoadWriter();
+    module->hDllInstance = reinterpret_cast<host::HINSTANCE>(0x1234);
+    host::Out_Module* again = LoadWriter();
     EXPECT_EQ(again, module);
     EXPECT_EQ(again->hMainWindow, &window);
-    EXPECT_EQ(again->hDllInstance, reinterpret_cast<HINSTANCE>(0x1234));
+    EXPECT_EQ(again->hDllInstance, reinterpret_cast<host::HINSTANCE>(0x1234));
 }
 
 TEST_F(WriterFixture, SixChannelsOfSixteenBitsReadBackExactlyWithFiveOneMask)

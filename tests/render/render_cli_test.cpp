@@ -17,7 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "test_audio.h"
-#include "tools/render/out_module.h"
+#include "tools/host/out_module_host.h"
 
 namespace {
 
@@ -69,20 +69,20 @@ void ExpectSameOutput(const std::vector<int32_t>& got, const std::vector<int32_t
 
 // --- Driving the processor directly, as a player would, in this process ---
 
-intptr_t QuietWindowProc(HWND, uint32_t, uintptr_t, intptr_t)
+intptr_t QuietWindowProc(host::HWND, uint32_t, uintptr_t, intptr_t)
 {
     return 0;
 }
 
-HostWindow DirectWindow{QuietWindowProc};
+host::HostWindow DirectWindow{QuietWindowProc};
 
-Out_Module* Processor()
+host::Out_Module* Processor()
 {
-    static Out_Module* module = [] {
+    static host::Out_Module* module = [] {
         void* library = dlopen(PluginPath().c_str(), RTLD_NOW | RTLD_LOCAL);
         EXPECT_NE(library, nullptr) << dlerror();
-        auto get = reinterpret_cast<GetOutModuleFunction>(dlsym(library, "winampGetOutModule"));
-        Out_Module* record = get();
+        auto get = reinterpret_cast<host::GetOutModuleFunction>(dlsym(library, host::kGetOutModuleName));
+        host::Out_Module* record = get();
         record->hMainWindow = &DirectWindow;
         record->hDllInstance = library;
         return record;
@@ -106,7 +106,7 @@ TestAudio DriveDirectly(const TestAudio& input, const std::string& values)
         << "\"Out_File\"=\"" << captured << "\"\n";
     setenv("XDG_CONFIG_HOME", config.path.c_str(), 1);
 
-    Out_Module* module = Processor();
+    host::Out_Module* module = Processor();
     module->Init();
     EXPECT_GE(module->Open(input.rate, input.channels, 16, 2000, 0), 0);
     constexpr int64_t kBlock = 1024;

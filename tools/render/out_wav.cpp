@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/render/out_module.h"
+#include "tools/host/out_module_host.h"
 #include "tools/render/reg_file.h"
 #include "tools/render/wav_file.h"
 
@@ -45,7 +45,7 @@ struct WavWriterState {
 };
 
 WavWriterState Writer;
-Out_Module OwnModule;
+host::Out_Module OwnModule;
 
 // The stand-in for a message box: one line on standard error.
 void ShowMessage(const std::string& text)
@@ -96,12 +96,12 @@ void FinishFile()
     Writer.file = nullptr;
 }
 
-void Config(HWND)
+void Config(host::HWND)
 {
     ShowMessage("writes to " + ConfiguredOutFile() + " (value Out_File in " + RegStoreFile(kKeyName) + ")");
 }
 
-void About(HWND)
+void About(host::HWND)
 {
     ShowMessage("Morrowfen WAV Writer 0.1.3 / writes the stream it is given to a WAV file");
 }
@@ -209,9 +209,9 @@ int GetOutputTime()
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) Out_Module* winampGetOutModule()
+extern "C" __attribute__((visibility("default"))) host::Out_Module* winampGetOutModule()
 {
-    OwnModule.version = kOutModuleVersion;
+    OwnModule.version = host::kOutModuleVersion;
     OwnModule.description = "Morrowfen WAV Writer 0.1.3";
     OwnModule.id = kOwnModuleId;
     OwnModule.Config = Config;

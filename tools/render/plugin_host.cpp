@@ -7,7 +7,7 @@ namespace {
 
 // The window's own procedure: a renderer has no window to repaint, so every
 // message ends here unanswered.
-intptr_t MainWindowProc(HWND, uint32_t, uintptr_t, intptr_t)
+intptr_t MainWindowProc(host::HWND, uint32_t, uintptr_t, intptr_t)
 {
     return 0;
 }
@@ -24,14 +24,14 @@ bool LoadPlugin(const std::string& path, PluginSession& session, std::string& er
         error = "cannot load plug-in " + path + ": " + (reason != nullptr ? reason : "unknown reason");
         return false;
     }
-    auto get_module = reinterpret_cast<GetOutModuleFunction>(dlsym(library, kGetOutModuleName));
+    auto get_module = reinterpret_cast<host::GetOutModuleFunction>(dlsym(library, host::kGetOutModuleName));
     if (get_module == nullptr) {
         dlclose(library);
-        error = "cannot load plug-in " + path + ": it does not export " + kGetOutModuleName;
+        error = "cannot load plug-in " + path + ": it does not export " + host::kGetOutModuleName;
         return false;
     }
-    Out_Module* module = get_module();
-    if (module == nullptr || module->version != kOutModuleVersion) {
+    host::Out_Module* module = get_module();
+    if (module == nullptr || module->version != host::kOutModuleVersion) {
         dlclose(library);
         error = "cannot load plug-in " + path + ": not an output plug-in of record version 16";
         return false;
@@ -53,5 +53,5 @@ void UnloadPlugin(PluginSession& session)
 
 void SendHostCommand(PluginSession& session, uintptr_t command)
 {
-    session.window.proc(&session.window, kWmCommand, command, 0);
+    session.window.proc(&session.window, host::kWmCommand, command, 0);
 }

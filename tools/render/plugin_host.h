@@ -5,12 +5,12 @@
 
 #include <string>
 
-#include "tools/render/out_module.h"
+#include "tools/host/out_module_host.h"
 
 struct PluginSession {
-    void* library;        // the dlopen handle, null when nothing is loaded
-    Out_Module* module;   // the record that winampGetOutModule handed out
-    HostWindow window;    // our main window; the plug-in may hook its procedure
+    void* library;             // the dlopen handle, null when nothing is loaded
+    host::Out_Module* module;  // the record that winampGetOutModule handed out
+    host::HostWindow window;   // our main window; the plug-in may hook its procedure
 };
 
 // Loads the library at `path`, asks it for its record and fills in the
@@ -22,6 +22,6 @@ bool LoadPlugin(const std::string& path, PluginSession& session, std::string& er
 // Unloads the library. Quit must have been called.
 void UnloadPlugin(PluginSession& session);
 
-// Delivers a command of the main window (kCommandPlay, kCommandStop) through
+// Delivers a command of the main window (host::kCommandPlay, host::kCommandStop) through
 // whatever procedure the window has now.
 void SendHostCommand(PluginSession& session, uintptr_t command);

@@ -141,7 +141,7 @@ void DrawProgress(Progress& progress, bool final)
 }
 
 // Hands one block to the processor as a player does: wait for room, write.
-bool WriteBlock(Out_Module* module, std::vector<uint8_t>& buffer, int length, std::string& error)
+bool WriteBlock(host::Out_Module* module, std::vector<uint8_t>& buffer, int length, std::string& error)
 {
     const Clock::time_point start = Clock::now();
     while (module->CanWrite() < length) {
@@ -285,7 +285,7 @@ struct RunResources {
     std::vector<PendingFile> outputs;
     std::vector<std::string> pieces;
     PieceStream stream;
-    Out_Module* module = nullptr;
+    host::Out_Module* module = nullptr;
     bool initialised = false;
     bool opened = false;
 
@@ -347,7 +347,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     if (!WriteRegKey(store, RegKeyPath(kProcessorKeyName), request.settings, error))
         return false;
 
-    Out_Module* module = context.session->module;
+    host::Out_Module* module = context.session->module;
     run.module = module;
     module->Init();
     run.initialised = true;
@@ -385,7 +385,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         run.pieces.push_back(piece);
 
         if (request.reset_between && i > 0) {
-            SendHostCommand(*context.session, kCommandPlay);
+            SendHostCommand(*context.session, host::kCommandPlay);
             segment = i;
             stream_frames = 0;
         }
@@ -446,7 +446,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
             }
         }
         if (request.reset_between && !last)
-            SendHostCommand(*context.session, kCommandStop);
+            SendHostCommand(*context.session, host::kCommandStop);
         module->Close();
         run.opened = false;
         ClosePcmSource(source);
