@@ -108,14 +108,14 @@ TEST_F(DialogHost, Template_FortyEightControlsAndInitialTexts)
             EXPECT_EQ(Checked(dialog, 1025), 0);
             EXPECT_EQ(Checked(dialog, 1024), 1);
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
 }
 
 TEST_F(DialogHost, Config_OwnerGetsTheModalLoopsIdleCalls)
 {
     Start(RecorderSettings());
-    RunDialog({[](HWND dialog) { Click(dialog, IDOK); }});
+    RunDialog({Press(IDOK)});
     EXPECT_EQ(idleCalls, 1);
     ASSERT_NE(lastDialog, nullptr);
 }
@@ -127,12 +127,9 @@ TEST_F(DialogHost, SelectOwnLibrary_RefusedAndOutPlugKept)
     answer.path = u"" KELVANE_PLUGIN_PATH;
     std::string shown;
     RunDialog({
-        [&](HWND dialog) {
-            QueueFile(dialog, answer);
-            Click(dialog, 1027);
-        },
+        [&](HWND dialog) { SelectFile(dialog, answer); },
         [&](HWND dialog) { shown = Text(dialog, 1004); },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     EXPECT_TRUE(answer.taken);
     EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Cannot select Kelvane Processor as output plugin\n");
@@ -143,15 +140,7 @@ TEST_F(DialogHost, SelectOwnLibrary_RefusedAndOutPlugKept)
 TEST_F(DialogHost, SelectLibraryWithoutExport_RefusedAndReleased)
 {
     Start(RecorderSettings());
-    OpenFileAnswer answer{};
-    answer.path = u"" NO_EXPORT_PATH;
-    RunDialog({
-        [&](HWND dialog) {
-            QueueFile(dialog, answer);
-            Click(dialog, 1027);
-        },
-        [](HWND dialog) { Click(dialog, IDOK); },
-    });
+    PickFile(u"" NO_EXPORT_PATH);
     EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: File is not a valid Winamp output plugin\n");
     EXPECT_EQ(CallsOf("noexport", "load").size(), 1u);
     EXPECT_EQ(CallsOf("noexport", "unload").size(), 1u);
@@ -162,8 +151,8 @@ TEST_F(DialogHost, ConfigureLibraryWithoutExport_RefusedAndNotReleased)
 {
     Start(RecorderSettings(0, 16, NO_EXPORT_PATH));
     RunDialog({
-        [](HWND dialog) { Click(dialog, 1030); },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(1030),
+        Press(IDCANCEL),
     });
     EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: File is not a valid Winamp output plugin\n");
     EXPECT_EQ(CallsOf("noexport", "load").size(), 1u);
@@ -173,15 +162,7 @@ TEST_F(DialogHost, ConfigureLibraryWithoutExport_RefusedAndNotReleased)
 TEST_F(DialogHost, SelectFileThatIsNoLibrary_FailedToOpen)
 {
     Start(RecorderSettings());
-    OpenFileAnswer answer{};
-    answer.path = u"" NOT_A_LIBRARY_PATH;
-    RunDialog({
-        [&](HWND dialog) {
-            QueueFile(dialog, answer);
-            Click(dialog, 1027);
-        },
-        [](HWND dialog) { Click(dialog, IDOK); },
-    });
+    PickFile(u"" NOT_A_LIBRARY_PATH);
     EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Failed to open .dll file\n");
     EXPECT_EQ(SavedValues().at("Out_Plug"), Quoted(RECORDER_A_PATH));
 }
@@ -194,11 +175,10 @@ TEST_F(DialogHost, Select_AsksTheFileDialogAsPrescribedAndAcceptsAPlugin)
     std::string shown;
     RunDialog({
         [&](HWND dialog) {
-            QueueFile(dialog, answer);
-            Click(dialog, 1027);
+            SelectFile(dialog, answer);
             shown = Text(dialog, 1004);
         },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     ASSERT_TRUE(answer.taken);
     EXPECT_EQ(answer.structSize, 88u);
@@ -221,14 +201,7 @@ TEST_F(DialogHost, Select_AsksTheFileDialogAsPrescribedAndAcceptsAPlugin)
 TEST_F(DialogHost, SelectCancelled_NothingChanges)
 {
     Start(RecorderSettings());
-    OpenFileAnswer answer{};  // no path: the user cancels
-    RunDialog({
-        [&](HWND dialog) {
-            QueueFile(dialog, answer);
-            Click(dialog, 1027);
-        },
-        [](HWND dialog) { Click(dialog, IDOK); },
-    });
+    const OpenFileAnswer answer = PickFile(nullptr);  // the user cancels the file dialog
     EXPECT_TRUE(answer.taken);
     EXPECT_EQ(Stderr(), "");
     EXPECT_TRUE(RecordedCalls().empty());
@@ -245,7 +218,7 @@ TEST_F(DialogHost, Configure_CallsTheChainedConfigWithTheDialogAndKeepsTheLibrar
             Click(dialog, 1030);
             Click(dialog, 1030);
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     const auto configs = CallsOf("a", "Config");
     ASSERT_EQ(configs.size(), 2u);
@@ -259,8 +232,8 @@ TEST_F(DialogHost, ConfigureWithMissingLibrary_FailedToOpenOutputPlugin)
 {
     Start(RecorderSettings(0, 16, "/nonexistent/out_none.so"));
     RunDialog({
-        [](HWND dialog) { Click(dialog, 1030); },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(1030),
+        Press(IDCANCEL),
     });
     EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Failed to open output plugin\n");
 }
@@ -281,7 +254,7 @@ TEST_F(DialogHost, TrackBarDrag_SettingAndReadOutFollowEveryMove)
             Drag(dialog, 1011, 250);
             readOuts.push_back(Text(dialog, 1012));
         },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     EXPECT_EQ(readOuts, (std::vector<std::string>{"3", "17", "64", "100", "-12", "200"}));
     EXPECT_EQ(SavedValues().at("Surround_Delay"), "dword:00000064");
@@ -307,7 +280,7 @@ TEST_F(DialogHost, VirtualCentre_CentreWidthOffInModesTwoAndThree_AlwaysOffInMod
             ChooseItem(dialog, 1002, 3);
             EXPECT_TRUE(Enabled(dialog, 1020));
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
 }
 
@@ -329,7 +302,7 @@ TEST_F(DialogHost, ClearingBassEnable_DisablesTheThreeAtOnceAndKeepsValues)
             EXPECT_EQ(Checked(dialog, 1029), 1);
             EXPECT_EQ(Text(dialog, 1012), "150");
         },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     const auto saved = SavedValues();
     EXPECT_EQ(saved.at("Bass_Redir_Enable"), "dword:00000000");
@@ -344,7 +317,7 @@ TEST_F(DialogHost, ModeFour_OnlyDelaySpeakersAndMuteButtonsEnabled)
     std::set<int> enabled;
     RunDialog({
         [&](HWND dialog) { enabled = EnabledOfTable(dialog); },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_EQ(enabled, (std::set<int>{1005, 1023, 1025, 1024, 1026, 1028, 1021, 1022}));
 }
@@ -362,7 +335,7 @@ TEST_F(DialogHost, ModeFive_SpeakerTogglesDisabledAndTheirSettingsKept)
             EXPECT_EQ(Checked(dialog, 1023), 1);
             EXPECT_EQ(Checked(dialog, 1026), 0);
         },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     const auto saved = SavedValues();
     EXPECT_EQ(saved.at("Mode"), "dword:00000005");
@@ -381,7 +354,7 @@ TEST_F(DialogHost, OutBits24FromTheStore_SelectsItemAtIndexOne)
             selection = Control(dialog, 1031).selection;
             item = Narrow(Control(dialog, 1031).items[selection]);
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_EQ(selection, 1);
     EXPECT_EQ(item, "24");
@@ -401,7 +374,7 @@ TEST_F(DialogHost, ListsWithoutSelection_ModeMinusOneAndOutBitsEight)
             after = EnabledOfTable(dialog);
         },
         [&](HWND dialog) { status = Text(dialog, 1033); },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     EXPECT_EQ(after, before);  // a negative mode changes no control
     EXPECT_EQ(status, "");
@@ -419,14 +392,14 @@ TEST_F(DialogHost, MuteAllAndUmuteAll_SetTheFiveSpeakers)
             for (int id : {1023, 1025, 1024, 1026, 1028})
                 muted.push_back(Checked(dialog, id));
         },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     EXPECT_EQ(muted, (std::vector<int>{0, 0, 0, 0, 0}));
     for (const char* name : {"L", "R", "C", "SL", "SR"})
         EXPECT_EQ(SavedValues().at(name), "dword:00000000") << name;
     RunDialog({
-        [](HWND dialog) { Click(dialog, 1022); },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(1022),
+        Press(IDOK),
     });
     for (const char* name : {"L", "R", "C", "SL", "SR"})
         EXPECT_EQ(SavedValues().at(name), "dword:00000001") << name;
@@ -459,7 +432,7 @@ TEST_F(DialogHost, SpeakerToggle_ReachesTheAudioAtTheNextWrite)
             Write(Bytes16(samples));
             off = centreEnergy(LastWrite());
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_GT(on, 0.0);
     EXPECT_EQ(off, 0.0);
@@ -476,7 +449,7 @@ TEST_F(DialogHost, ModeChangeDuringPlaybackInModeFour_StatusWithinOneTimerPeriod
             ChooseItem(dialog, 1002, 3);
         },
         [&](HWND dialog) { statuses.push_back(Text(dialog, 1033)); },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_EQ(statuses, (std::vector<std::string>{"Kelvane Headphone\nProcessor in encoding mode.",
                                                   "Kelvane-ASr\nProcessor in decoding mode."}));
@@ -499,7 +472,7 @@ TEST_F(DialogHost, NewRateWithSameChannels_KeepsTheStatusText)
             ASSERT_EQ(module->Open(32000, 6, 16, 0, 0), 0);
         },
         [&](HWND dialog) { statuses.push_back(Text(dialog, 1033)); },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_EQ(statuses,
               (std::vector<std::string>{
@@ -558,7 +531,7 @@ TEST_F(DialogHost, StatusTable_EveryRowForItsCondition)
         });
         steps.push_back([&](HWND dialog) { shown.push_back(Text(dialog, 1033)); });
     }
-    steps.push_back([](HWND dialog) { Click(dialog, IDCANCEL); });
+    steps.push_back(Press(IDCANCEL));
     RunDialog(steps);
     ASSERT_EQ(shown.size(), std::size(rows));
     for (size_t i = 0; i < std::size(rows); ++i)
@@ -590,7 +563,7 @@ TEST_F(DialogHost, EnableTable_EveryModeWithVirtualCentreAndBassEnable)
             }
         }
     }
-    steps.push_back([](HWND dialog) { Click(dialog, IDCANCEL); });
+    steps.push_back(Press(IDCANCEL));
     RunDialog(steps);
 }
 
@@ -605,7 +578,7 @@ TEST_F(DialogHost, EnableTable_ModeNineChangesNoControl)
             for (uint32_t i = 0; i < record.controlCount; ++i)
                 disabled += record.controls[i].enabled ? 0 : 1;
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_EQ(disabled, 0u);
 }
@@ -619,25 +592,21 @@ TEST_F(DialogHost, CancelAfterSelect_RestoresPathAndReloadStaysSet)
     answer.path = u"" RECORDER_B_PATH;
     RunDialog({
         [&](HWND dialog) {
-            QueueFile(dialog, answer);
-            Click(dialog, 1027);
+            SelectFile(dialog, answer);
             EXPECT_EQ(Text(dialog, 1004), RECORDER_B_PATH);
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     std::string shown;
     RunDialog({
         [&](HWND dialog) { shown = Text(dialog, 1004); },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_EQ(shown, RECORDER_A_PATH);
     // The restored path is loaded anew at the next Open.
     RecordedCalls().clear();
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    std::vector<std::string> order;
-    for (const RecordedCall& call : RecordedCalls())
-        order.push_back(call.library + "." + call.function);
-    EXPECT_EQ(order, (std::vector<std::string>{"a.unload", "a.load", "a.Open"}));
+    EXPECT_EQ(CallOrder(), (std::vector<std::string>{"a.unload", "a.load", "a.Open"}));
 }
 
 TEST_F(DialogHost, CloseBox_ActsAsCancel)
@@ -657,7 +626,7 @@ TEST_F(DialogHost, CloseBox_ActsAsCancel)
             mode = Control(dialog, 1002).selection;
             delay = Control(dialog, 1005).position;
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_EQ(mode, 2);
     EXPECT_EQ(delay, 10);
@@ -666,17 +635,16 @@ TEST_F(DialogHost, CloseBox_ActsAsCancel)
 
 TEST_F(DialogHost, CancelWithoutAnyKey_SetsTheDefaults)
 {
-    Load();
-    module->Init();
+    LoadAndInit();
     RunDialog({
         [](HWND dialog) {
             ChooseItem(dialog, 1002, 5);
             Click(dialog, 1021);
         },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_FALSE(fs::exists(RegFile()));
-    RunDialog({[](HWND dialog) { Click(dialog, IDOK); }});
+    RunDialog({Press(IDOK)});
     const auto saved = SavedValues();
     EXPECT_EQ(saved.at("Mode"), "dword:00000003");
     EXPECT_EQ(saved.at("L"), "dword:00000001");
@@ -693,7 +661,7 @@ TEST_F(DialogHost, CheckBoxCommand_ReadsTheBoxesIntoTheSettings)
             Click(dialog, 1029);
             Click(dialog, 1028);
         },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     const auto saved = SavedValues();
     EXPECT_EQ(saved.at("Virtual_C"), "dword:00000001");

@@ -203,12 +203,18 @@ protected:
         return module;
     }
 
+    // Load, then Init with whatever the configuration folder holds.
+    void LoadAndInit()
+    {
+        Load();
+        module->Init();
+    }
+
     // Settings file with these values, load, Init.
     void Start(const std::vector<std::string>& settingLines)
     {
         WriteSettings(settingLines);
-        Load();
-        module->Init();
+        LoadAndInit();
     }
 
     // Settings for a chained recorder "a" in Bypass at 16 bits.
@@ -234,6 +240,15 @@ protected:
     {
         const auto writes = CallsOf(recorder, "Write");
         return writes.empty() ? std::vector<uint8_t>{} : writes.back().bytes;
+    }
+
+    // Every recorded call so far as "library.function", in order.
+    static std::vector<std::string> CallOrder()
+    {
+        std::vector<std::string> order;
+        for (const RecordedCall& call : RecordedCalls())
+            order.push_back(call.library + "." + call.function);
+        return order;
     }
 
     // ---- The host's main window ----
@@ -334,6 +349,34 @@ protected:
     static void QueueFile(HWND dialog, OpenFileAnswer& answer)
     {
         SendMessageTo(dialog, WM_QUEUE_OPEN_FILE, 0, reinterpret_cast<LPARAM>(&answer));
+    }
+
+    // A step that only clicks one button, such as OK or Cancel.
+    static Step Press(int id)
+    {
+        return [id](HWND dialog) { Click(dialog, id); };
+    }
+
+    // The user clicks "Select" and the file dialog gives `answer`.
+    static void SelectFile(HWND dialog, OpenFileAnswer& answer)
+    {
+        constexpr int kSelectButton = 1027;
+        QueueFile(dialog, answer);
+        Click(dialog, kSelectButton);
+    }
+
+    // The user picks `path` through "Select" (null: cancels the file
+    // dialog), then closes the dialog with `button`. What the file dialog
+    // was asked, as it recorded it.
+    OpenFileAnswer PickFile(LPCWSTR path, int button = IDOK)
+    {
+        OpenFileAnswer answer{};
+        answer.path = path;
+        RunDialog({
+            [&](HWND dialog) { SelectFile(dialog, answer); },
+            Press(button),
+        });
+        return answer;
     }
 
     fs::path root;

@@ -62,9 +62,8 @@ protected:
     // Init with whatever the folder holds, then OK in the dialog.
     void InitAndSave()
     {
-        Load();
-        module->Init();
-        RunDialog({[](HWND dialog) { Click(dialog, IDOK); }});
+        LoadAndInit();
+        RunDialog({Press(IDOK)});
     }
 
     struct Shown {
@@ -89,7 +88,7 @@ protected:
                 for (int id : {1006, 1019, 1008, 1010, 1012, 1014})
                     shown.readOuts[id] = Text(dialog, id);
             },
-            [](HWND dialog) { Click(dialog, IDCANCEL); },
+            Press(IDCANCEL),
         });
         return shown;
     }
@@ -106,8 +105,7 @@ TEST_F(SettingsHost, NoKey_AllDefaults)
 
 TEST_F(SettingsHost, NoKey_DialogShowsDefaults)
 {
-    Load();
-    module->Init();
+    LoadAndInit();
     const Shown shown = ShownInDialog();
     EXPECT_EQ(shown.path, "out_ds.dll");
     EXPECT_EQ(shown.modeSelection, 3);
@@ -129,24 +127,22 @@ TEST_F(SettingsHost, OnlyModeOne_OthersTakeDefaults)
 TEST_F(SettingsHost, CentreTrimFFFFFFF4_ReadsAsMinusTwelve)
 {
     WriteSettings({"\"Centre_Trim\"=dword:fffffff4"});
-    Load();
-    module->Init();
+    LoadAndInit();
     const Shown shown = ShownInDialog();
     EXPECT_EQ(shown.positions.at(1007), -12);
     EXPECT_EQ(shown.readOuts.at(1008), "-12");
-    RunDialog({[](HWND dialog) { Click(dialog, IDOK); }});
+    RunDialog({Press(IDOK)});
     EXPECT_EQ(SavedValues().at("Centre_Trim"), "dword:fffffff4");
 }
 
 TEST_F(SettingsHost, NegativeTrims_StoredAsTwosComplement)
 {
     WriteSettings({DwordValue("Mode", 1)});
-    Load();
-    module->Init();
+    LoadAndInit();
     RunDialog({
         [](HWND dialog) { Drag(dialog, 1009, -1); },
         [](HWND dialog) { Drag(dialog, 1013, -7); },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     EXPECT_EQ(SavedValues().at("Surround_Trim_00"), "dword:ffffffff");
     EXPECT_EQ(SavedValues().at("Bass_Trim"), "dword:fffffff9");
@@ -155,8 +151,7 @@ TEST_F(SettingsHost, NegativeTrims_StoredAsTwosComplement)
 TEST_F(SettingsHost, ModeNine_KeptWithoutSelectionAndEmptyStatus)
 {
     WriteSettings({DwordValue("Mode", 9)});
-    Load();
-    module->Init();
+    LoadAndInit();
     int selection = 0;
     std::string status = "unset";
     bool allEnabled = true;
@@ -168,7 +163,7 @@ TEST_F(SettingsHost, ModeNine_KeptWithoutSelectionAndEmptyStatus)
             for (uint32_t i = 0; i < record.controlCount; ++i)
                 allEnabled = allEnabled && record.controls[i].enabled != 0;
         },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     EXPECT_EQ(selection, -1);
     EXPECT_EQ(status, "");
@@ -179,10 +174,9 @@ TEST_F(SettingsHost, ModeNine_KeptWithoutSelectionAndEmptyStatus)
 TEST_F(SettingsHost, OutBitsTwenty_KeptAsRead)
 {
     WriteSettings({DwordValue("Out_Bits", 20)});
-    Load();
-    module->Init();
+    LoadAndInit();
     EXPECT_EQ(ShownInDialog().bitsSelection, 0);
-    RunDialog({[](HWND dialog) { Click(dialog, IDOK); }});
+    RunDialog({Press(IDOK)});
     EXPECT_EQ(SavedValues().at("Out_Bits"), "dword:00000014");
 }
 
@@ -194,13 +188,12 @@ TEST_F(SettingsHost, Path254Characters_RoundTripWhole)
     path += ".so";
     ASSERT_EQ(path.size(), 254u);
     WriteSettings({StringValue("Out_Plug", path)});
-    Load();
-    module->Init();
+    LoadAndInit();
     EXPECT_EQ(ShownInDialog().path, path);
-    RunDialog({[](HWND dialog) { Click(dialog, IDOK); }});
+    RunDialog({Press(IDOK)});
     EXPECT_EQ(SavedValues().at("Out_Plug"), "\"" + path + "\"");
     // Read back by Cancel, then shown again.
-    RunDialog({[](HWND dialog) { Click(dialog, IDCANCEL); }});
+    RunDialog({Press(IDCANCEL)});
     EXPECT_EQ(ShownInDialog().path, path);
 }
 
@@ -208,8 +201,7 @@ TEST_F(SettingsHost, Path255Characters_LongerThanTheQuery_GivesDefault)
 {
     const std::string path(255, 'p');
     WriteSettings({StringValue("Out_Plug", path), DwordValue("Mode", 2)});
-    Load();
-    module->Init();
+    LoadAndInit();
     const Shown shown = ShownInDialog();
     EXPECT_EQ(shown.path, "out_ds.dll");
     EXPECT_EQ(shown.modeSelection, 2);
@@ -219,8 +211,7 @@ TEST_F(SettingsHost, UnreadableFile_SilentlyAllDefaults)
 {
     // A folder where the file should be: it opens for nothing.
     fs::create_directories(RegFile());
-    Load();
-    module->Init();
+    LoadAndInit();
     const Shown shown = ShownInDialog();
     EXPECT_EQ(shown.path, "out_ds.dll");
     EXPECT_EQ(shown.modeSelection, 3);
@@ -279,11 +270,10 @@ TEST_F(SettingsHost, Save_ReplacesTheFileWholeByRename)
     struct stat oldStat {};
     ASSERT_EQ(stat(RegFile().c_str(), &oldStat), 0);
 
-    Load();
-    module->Init();
+    LoadAndInit();
     RunDialog({
         [](HWND dialog) { ChooseItem(dialog, 1002, 4); },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     EXPECT_EQ(ReadText(keep), before);
     struct stat newStat {};
@@ -299,8 +289,7 @@ TEST_F(SettingsHost, Save_ReplacesTheFileWholeByRename)
 
 TEST_F(SettingsHost, SaveThenLoad_ReadsBackEqual)
 {
-    Load();
-    module->Init();
+    LoadAndInit();
     RunDialog({
         [](HWND dialog) { ChooseItem(dialog, 1002, 1); },
         [](HWND dialog) { ChooseItem(dialog, 1031, 1); },
@@ -312,16 +301,16 @@ TEST_F(SettingsHost, SaveThenLoad_ReadsBackEqual)
             Click(dialog, 1029);
             Click(dialog, 1026);
         },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     const std::string saved = ReadText(RegFile());
     // Change everything again, then Cancel reads the file back over it.
     RunDialog({
         [](HWND dialog) { ChooseItem(dialog, 1002, 0); },
         [](HWND dialog) { Drag(dialog, 1005, 90); },
-        [](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
-    RunDialog({[](HWND dialog) { Click(dialog, IDOK); }});
+    RunDialog({Press(IDOK)});
     EXPECT_EQ(ReadText(RegFile()), saved);
     const auto values = SavedValues();
     EXPECT_EQ(values.at("Mode"), "dword:00000001");
@@ -338,11 +327,10 @@ TEST_F(SettingsHost, SaveFailure_SilentAndSettingsLiveOn)
 {
     // The configuration folder cannot be made: a file stands in its way.
     WriteFile(configHome, "not a folder");
-    Load();
-    module->Init();
+    LoadAndInit();
     RunDialog({
         [](HWND dialog) { ChooseItem(dialog, 1002, 5); },
-        [](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     EXPECT_EQ(Stderr(), "");
     EXPECT_EQ(ShownInDialog().modeSelection, 5);

@@ -294,7 +294,7 @@ TEST_F(PluginHost, Write_OutBitsChangedDuringPlayback_WaitsForNextOpen)
     RunDialog({
         [&](HWND dialog) { ChooseItem(dialog, 1031, 2); },  // "32"
         [&](HWND) { Write(Bytes16(input)); },
-        [&](HWND dialog) { Click(dialog, IDOK); },
+        Press(IDOK),
     });
     // Still Output_Bits 16 in the running stream.
     EXPECT_EQ(CallsOf("a", "Write").back().args[0], 12);
@@ -313,15 +313,7 @@ TEST_F(PluginHost, Select_NewFileDuringPlayback_StreamStaysUntilNextOpenWhichRel
 {
     Start(RecorderSettings(0, 16));
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    OpenFileAnswer answer{};
-    answer.path = u"" RECORDER_B_PATH;
-    RunDialog({
-        [&](HWND dialog) {
-            QueueFile(dialog, answer);
-            Click(dialog, 1027);
-        },
-        [&](HWND dialog) { Click(dialog, IDOK); },
-    });
+    const OpenFileAnswer answer = PickFile(u"" RECORDER_B_PATH);
     ASSERT_TRUE(answer.taken);
     // The running stream still goes to "a".
     Write(Bytes16({100, 100}));
@@ -331,10 +323,7 @@ TEST_F(PluginHost, Select_NewFileDuringPlayback_StreamStaysUntilNextOpenWhichRel
 
     RecordedCalls().clear();
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    std::vector<std::string> order;
-    for (const RecordedCall& call : RecordedCalls())
-        order.push_back(call.library + "." + call.function);
-    EXPECT_EQ(order, (std::vector<std::string>{"a.unload", "b.load", "b.Open"}));
+    EXPECT_EQ(CallOrder(), (std::vector<std::string>{"a.unload", "b.load", "b.Open"}));
 }
 
 TEST_F(PluginHost, Close_KeepsStreamChannels_StatusShowsThatStream)
@@ -345,7 +334,7 @@ TEST_F(PluginHost, Close_KeepsStreamChannels_StatusShowsThatStream)
     std::string status;
     RunDialog({
         [&](HWND dialog) { status = Text(dialog, 1033); },
-        [&](HWND dialog) { Click(dialog, IDCANCEL); },
+        Press(IDCANCEL),
     });
     EXPECT_EQ(status, "Kelvane Encode\nProcessor in encoding mode.");
 }
@@ -364,13 +353,26 @@ protected:
         ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
         module->Flush(0);
         Write(ToneBlock());
-        Write(SilentBlock());
-        continued = LastWrite();
+        continued = SilentOutput();
         ASSERT_FALSE(AllZero(continued));
         module->Flush(0);
-        Write(SilentBlock());
-        ASSERT_TRUE(AllZero(LastWrite()));
+        ASSERT_TRUE(AllZero(SilentOutput()));
         module->Flush(0);
+    }
+
+    // Ends the track and opens the next one of the same format, as the
+    // player does between two files.
+    void ChangeTrack()
+    {
+        module->Close();
+        ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
+    }
+
+    // What the plug-in hands on for a silent block written now.
+    std::vector<uint8_t> SilentOutput()
+    {
+        Write(SilentBlock());
+        return LastWrite();
     }
 
     std::vector<uint8_t> continued;  // the silent block after the tone, without a reset
@@ -380,28 +382,23 @@ TEST_F(ResetHost, Flush_ResetsEvenWithoutPendingReset)
 {
     Write(ToneBlock());
     module->Flush(250);
-    Write(SilentBlock());
-    EXPECT_TRUE(AllZero(LastWrite()));
+    EXPECT_TRUE(AllZero(SilentOutput()));
     EXPECT_EQ(CallsOf("a", "Flush").back().args, (std::vector<int64_t>{250}));
 }
 
 TEST_F(ResetHost, TrackChangeWithoutCommand_KeepsMemoryAcrossCloseAndOpen)
 {
     Write(ToneBlock());
-    module->Close();
-    ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_EQ(LastWrite(), continued);
+    ChangeTrack();
+    EXPECT_EQ(SilentOutput(), continued);
 }
 
 TEST_F(ResetHost, Hook_StopDuringPlayback_ResetAtClose)
 {
     Write(ToneBlock());
     SendCommand(kCommand, kStop);
-    module->Close();
-    ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_TRUE(AllZero(LastWrite()));
+    ChangeTrack();
+    EXPECT_TRUE(AllZero(SilentOutput()));
 }
 
 TEST_F(ResetHost, Hook_PlayWhileStopped_ResetAtOpenAndOnlyThere)
@@ -410,15 +407,12 @@ TEST_F(ResetHost, Hook_PlayWhileStopped_ResetAtOpenAndOnlyThere)
     module->Close();
     SendCommand(kCommand, kPlay);
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_TRUE(AllZero(LastWrite()));
+    EXPECT_TRUE(AllZero(SilentOutput()));
     // The Open cleared the flag: the next track change keeps the memory.
     module->Flush(0);
     Write(ToneBlock());
-    module->Close();
-    ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_EQ(LastWrite(), continued);
+    ChangeTrack();
+    EXPECT_EQ(SilentOutput(), continued);
 }
 
 TEST_F(ResetHost, Hook_PlayDuringPlayback_NoResetUntilClose)
@@ -426,14 +420,12 @@ TEST_F(ResetHost, Hook_PlayDuringPlayback_NoResetUntilClose)
     Write(ToneBlock());
     SendCommand(kCommand, kPlay);
     // The hook itself resets nothing.
-    Write(SilentBlock());
-    EXPECT_EQ(LastWrite(), continued);
+    EXPECT_EQ(SilentOutput(), continued);
     module->Flush(0);
     Write(ToneBlock());
     module->Close();  // the reset happens here
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_TRUE(AllZero(LastWrite()));
+    EXPECT_TRUE(AllZero(SilentOutput()));
 }
 
 TEST_F(ResetHost, Hook_TwoStopsBeforeClose_OneReset)
@@ -441,36 +433,28 @@ TEST_F(ResetHost, Hook_TwoStopsBeforeClose_OneReset)
     Write(ToneBlock());
     SendCommand(kCommand, kStop);
     SendCommand(kCommand, kStop);
-    module->Close();
-    ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_TRUE(AllZero(LastWrite()));
+    ChangeTrack();
+    EXPECT_TRUE(AllZero(SilentOutput()));
     // No second reset is left over for the next Close or Open.
     Write(ToneBlock());
-    module->Close();
-    ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_EQ(LastWrite(), continued);
+    ChangeTrack();
+    EXPECT_EQ(SilentOutput(), continued);
 }
 
 TEST_F(ResetHost, Hook_PlayWithHighWordOne_SetsFlag)
 {
     Write(ToneBlock());
     SendCommand(kCommand, (uintptr_t(1) << 16) | kPlay, 0x777);
-    module->Close();
-    ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_TRUE(AllZero(LastWrite()));
+    ChangeTrack();
+    EXPECT_TRUE(AllZero(SilentOutput()));
 }
 
 TEST_F(ResetHost, Hook_Command40046_DoesNothing)
 {
     Write(ToneBlock());
     SendCommand(kCommand, kBetween);
-    module->Close();
-    ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_EQ(LastWrite(), continued);
+    ChangeTrack();
+    EXPECT_EQ(SilentOutput(), continued);
 }
 
 TEST_F(ResetHost, Hook_40045InAnotherMessage_DoesNothing)
@@ -478,10 +462,8 @@ TEST_F(ResetHost, Hook_40045InAnotherMessage_DoesNothing)
     Write(ToneBlock());
     SendCommand(0x112, kPlay);  // WM_SYSCOMMAND
     SendCommand(0x110, kStop);
-    module->Close();
-    ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(SilentBlock());
-    EXPECT_EQ(LastWrite(), continued);
+    ChangeTrack();
+    EXPECT_EQ(SilentOutput(), continued);
 }
 
 TEST_F(PluginHost, Hook_PassesEveryMessageOnUnchangedAndReturnsTheResult)
