@@ -166,6 +166,24 @@ struct RenderFixture : ::testing::Test {
         return path;
     }
 
+    // A stream of 30000 noise frames written whole to all.wav and cut at
+    // frame 13001 into a.wav and b.wav.
+    struct CutStream {
+        TestAudio whole;  // the stream
+        std::string all;  // the whole stream's file
+        std::string a;    // frames [0, 13001)
+        std::string b;    // frames [13001, 30000)
+    };
+
+    CutStream CutInTwo(uint32_t seed) const
+    {
+        CutStream cut{StereoNoise(30000, seed), {}, {}, {}};
+        cut.all = Input("all.wav", cut.whole);
+        cut.a = Input("a.wav", Slice(cut.whole, 0, 13001));
+        cut.b = Input("b.wav", Slice(cut.whole, 13001, 30000 - 13001));
+        return cut;
+    }
+
     void SaveSettings(const std::string& values) const
     {
         mkdir(config.File("Morrowfen").c_str(), 0755);
@@ -277,10 +295,7 @@ TEST_F(RenderFixture, HeadphoneModeOutsideItsRatesStillKeepsTheLength)
 
 TEST_F(RenderFixture, PlayListEqualsOneConcatenatedRender)
 {
-    const TestAudio whole = StereoNoise(30000, 16);
-    const std::string all = Input("all.wav", whole);
-    const std::string a = Input("a.wav", Slice(whole, 0, 13001));
-    const std::string b = Input("b.wav", Slice(whole, 13001, 30000 - 13001));
+    const auto [whole, all, a, b] = CutInTwo(16);
     for (const char* mode : {"asr", "headphone"}) {
         ASSERT_EQ(Render({"-q", "--mode", mode, all, work.File("whole.wav")}).status, 0);
         const ProcessResult joined = Render({"-q", "--mode", mode, a, b, work.File("joined.wav")});
@@ -307,10 +322,7 @@ TEST_F(RenderFixture, PlayListEqualsOneConcatenatedRender)
 
 TEST_F(RenderFixture, ResetBetweenFilesChangesTheSeamOnly)
 {
-    const TestAudio whole = StereoNoise(30000, 17);
-    const std::string all = Input("all.wav", whole);
-    const std::string a = Input("a.wav", Slice(whole, 0, 13001));
-    const std::string b = Input("b.wav", Slice(whole, 13001, 30000 - 13001));
+    const auto [whole, all, a, b] = CutInTwo(17);
     for (const char* mode : {"asr", "headphone"}) {
         ASSERT_EQ(Render({"-q", "--mode", mode, all, work.File("whole.wav")}).status, 0);
         const ProcessResult reset = Render({"-q", "--reset-between", "--mode", mode, a, b, work.File("reset.wav")});
@@ -662,17 +674,10 @@ std::string RenderOnTerminal(const std::vector<std::string>& args,
     int terminal = -1;
     const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (child == 0) {
-        for (const auto& [name, value] : env)
-            value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
         // Only standard error stays on the terminal.
         const int null = open("/dev/null", O_WRONLY);
         dup2(null, STDOUT_FILENO);
-        std::vector<char*> argv;
-        for (const std::string& arg : args)
-            argv.push_back(const_cast<char*>(arg.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        ExecProgram(args, env);
     }
     std::string seen;
     char chunk[4096];

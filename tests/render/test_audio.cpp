@@ -113,6 +113,22 @@ TestAudio Slice(const TestAudio& audio, int64_t first, int64_t count)
     return part;
 }
 
+void ExecProgram(const std::vector<std::string>& args, const std::vector<std::pair<std::string, std::string>>& env)
+{
+    for (const auto& [name, value] : env) {
+        if (value.empty())
+            unsetenv(name.c_str());
+        else
+            setenv(name.c_str(), value.c_str(), 1);
+    }
+    std::vector<char*> argv;
+    for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+}
+
 ProcessResult RunProgram(const std::vector<std::string>& args,
                          const std::vector<std::pair<std::string, std::string>>& env)
 {
@@ -127,18 +143,7 @@ ProcessResult RunProgram(const std::vector<std::string>& args,
         dup2(err, STDERR_FILENO);
         const int null = open("/dev/null", O_RDONLY);
         dup2(null, STDIN_FILENO);
-        for (const auto& [name, value] : env) {
-            if (value.empty())
-                unsetenv(name.c_str());
-            else
-                setenv(name.c_str(), value.c_str(), 1);
-        }
-        std::vector<char*> argv;
-        for (const std::string& arg : args)
-            argv.push_back(const_cast<char*>(arg.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        ExecProgram(args, env);
     }
     int status = 0;
     waitpid(child, &status, 0);

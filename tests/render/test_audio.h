@@ -55,6 +55,11 @@ struct ProcessResult {
 ProcessResult RunProgram(const std::vector<std::string>& args,
                          const std::vector<std::pair<std::string, std::string>>& env = {});
 
+// In a forked child: changes the environment by `env` as RunProgram does and
+// replaces the process by `args`; exits with 127 when that fails.
+[[noreturn]] void ExecProgram(const std::vector<std::string>& args,
+                              const std::vector<std::pair<std::string, std::string>>& env);
+
 // Paths of this build's programs: from the environment that CTest sets
 // (KELVANE_TEST_PLUGIN, KELVANE_TEST_OUT_WAV, KELVANE_TEST_RENDER), else the
 // paths compiled into the test.
