@@ -84,6 +84,19 @@ std::string FindLibrary(const std::vector<std::string>& candidates)
     return std::string();
 }
 
+// The plug-in given by `option` (`given`), else the first of `fallbacks`
+// that exists, made absolute. Empty, with the failure said, when there is
+// none; `file_name` names the plug-in in that message when none was given.
+std::string LocatePlugin(const std::string& given, const std::vector<std::string>& fallbacks,
+                         const std::string& file_name, const std::string& option)
+{
+    const std::string found = FindLibrary(given.empty() ? fallbacks : std::vector<std::string>{given});
+    if (found.empty())
+        Fail("cannot load plug-in " + (given.empty() ? file_name : given) + ": file not found (give " + option +
+             " PATH)");
+    return found;
+}
+
 // UTF-16 code units of a UTF-8 text, the unit of the processor's path buffer.
 size_t WideLength(const std::string& text)
 {
@@ -144,36 +157,21 @@ int Run(const RenderOptions& options, const std::string& work_folder, PluginSess
     std::string error;
     const std::string program_folder = ProgramFolder();
     const char* plugin_env = std::getenv("KELVANE_PLUGIN");
-    std::vector<std::string> plugin_candidates;
-    if (!options.plugin.empty()) {
-        plugin_candidates = {options.plugin};
-    } else {
-        plugin_candidates = {plugin_env != nullptr ? plugin_env : "", program_folder + "/out_kelvane.so"};
+    std::vector<std::string> plugin_fallbacks = {plugin_env != nullptr ? plugin_env : "",
+                                                  program_folder + "/out_kelvane.so"};
 #ifdef KELVANE_RENDER_BUILD_PLUGIN
-        plugin_candidates.push_back(KELVANE_RENDER_BUILD_PLUGIN);
+    plugin_fallbacks.push_back(KELVANE_RENDER_BUILD_PLUGIN);
 #endif
-    }
-    const std::string plugin = FindLibrary(plugin_candidates);
-    if (plugin.empty()) {
-        Fail("cannot load plug-in " + (options.plugin.empty() ? std::string("out_kelvane.so") : options.plugin) +
-             ": file not found (give --plugin PATH)");
+    const std::string plugin = LocatePlugin(options.plugin, plugin_fallbacks, "out_kelvane.so", "--plugin");
+    if (plugin.empty())
         return kExitFailure;
-    }
-    std::vector<std::string> writer_candidates;
-    if (!options.out_wav.empty()) {
-        writer_candidates = {options.out_wav};
-    } else {
-        writer_candidates = {program_folder + "/out_wav.so"};
+    std::vector<std::string> writer_fallbacks = {program_folder + "/out_wav.so"};
 #ifdef KELVANE_RENDER_BUILD_OUT_WAV
-        writer_candidates.push_back(KELVANE_RENDER_BUILD_OUT_WAV);
+    writer_fallbacks.push_back(KELVANE_RENDER_BUILD_OUT_WAV);
 #endif
-    }
-    const std::string writer = FindLibrary(writer_candidates);
-    if (writer.empty()) {
-        Fail("cannot load plug-in " + (options.out_wav.empty() ? std::string("out_wav.so") : options.out_wav) +
-             ": file not found (give --out-wav PATH)");
+    const std::string writer = LocatePlugin(options.out_wav, writer_fallbacks, "out_wav.so", "--out-wav");
+    if (writer.empty())
         return kExitFailure;
-    }
     // The processor only says that it failed to open its output; find out
     // here whether the writer is one, and say why not.
     PluginSession probe{};
