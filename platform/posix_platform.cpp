@@ -10,11 +10,7 @@
 #include "platform/platform.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/reg_file.h"
 #include "settings/control_table.h"
 
 // ---- Text ----
@@ -162,8 +159,9 @@ BOOL FreeLibrary(HMODULE library)
 // ---- Registry ----
 
 static const char16_t kKeyPath[] = u"SOFTWARE\\Morrowfen\\Kelvane";
-static const char kSectionLine[] = "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane]";
-static const char kHeaderLine[] = "Windows Registry Editor Version 5.00";
+// The key's file and section; the file format is the stand-in's, shared
+// with our hosts.
+static const char kKeyName[] = "Kelvane";
 
 struct RegistryValue {
     std::u16string name;
@@ -176,204 +174,45 @@ struct HKEY__ {
     std::vector<RegistryValue> values;
 };
 
-static std::string ConfigFolder()
-{
-    const char* config = std::getenv("XDG_CONFIG_HOME");
-    if (config != nullptr && config[0] != 0)
-        return std::string(config) + "/Morrowfen";
-    const char* home = std::getenv("HOME");
-    return std::string(home != nullptr ? home : "") + "/.config/Morrowfen";
-}
-
-static std::string RegistryFile()
-{
-    return ConfigFolder() + "/Kelvane.reg";
-}
-
-static bool ReadWholeFile(const std::string& path, std::string& contents)
-{
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr)
-        return false;
-    contents.clear();
-    char buffer[4096];
-    size_t got;
-    while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0)
-        contents.append(buffer, got);
-    const bool ok = std::ferror(file) == 0;
-    std::fclose(file);
-    return ok;
-}
-
-// A quoted .reg string from `at`, with \\ and \" escapes; `at` ends behind
-// the closing quote.
-static bool ParseQuoted(const std::string& line, size_t& at, std::string& out)
-{
-    if (at >= line.size() || line[at] != '"')
-        return false;
-    out.clear();
-    for (++at; at < line.size(); ++at) {
-        const char c = line[at];
-        if (c == '"') {
-            ++at;
-            return true;
-        }
-        if (c == '\\') {
-            if (at + 1 >= line.size())
-                return false;
-            const char next = line[++at];
-            if (next != '\\' && next != '"')
-                return false;
-            out += next;
-        } else {
-            out += c;
-        }
-    }
-    return false;
-}
-
-static int HexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-// One value line: "Name"="text" or "Name"=dword:8 hex digits. Anything else
-// is not a value we know and is passed over.
-static bool ParseValueLine(const std::string& line, RegistryValue& value)
-{
-    size_t at = 0;
-    std::string name;
-    if (!ParseQuoted(line, at, name) || at >= line.size() || line[at] != '=')
-        return false;
-    ++at;
-    if (!WideFromUtf8(name, value.name))
-        return false;
-    if (at < line.size() && line[at] == '"') {
-        std::string text;
-        if (!ParseQuoted(line, at, text) || at != line.size())
-            return false;
-        std::u16string wide;
-        if (!WideFromUtf8(text, wide))
-            return false;
-        value.type = REG_SZ;
-        value.data.resize((wide.size() + 1) * 2);
-        std::memcpy(value.data.data(), wide.c_str(), value.data.size());
-        return true;
-    }
-    static const char kDword[] = "dword:";
-    if (line.compare(at, sizeof kDword - 1, kDword) != 0)
-        return false;
-    at += sizeof kDword - 1;
-    if (line.size() - at != 8)
-        return false;
-    uint32_t word = 0;
-    for (; at < line.size(); ++at) {
-        const int digit = HexDigit(line[at]);
-        if (digit < 0)
-            return false;
-        word = (word << 4) | uint32_t(digit);
-    }
-    value.type = REG_DWORD;
-    value.data.resize(4);
-    std::memcpy(value.data.data(), &word, 4);
-    return true;
-}
-
 // The values of our key from the file; false when the file is missing,
-// unreadable, not a .reg file of version 5.00, or without the key.
+// unreadable, not a .reg file of version 5.00, or without the key. A value
+// whose name or text is not UTF-8 is passed over.
 static bool ReadKey(std::vector<RegistryValue>& values)
 {
-    std::string contents;
-    if (!ReadWholeFile(RegistryFile(), contents))
+    std::vector<RegValue> stored;
+    if (!ReadRegKey(RegStoreFile(kKeyName), RegKeyPath(kKeyName), stored))
         return false;
-    if (contents.compare(0, 3, "\xEF\xBB\xBF") == 0)
-        contents.erase(0, 3);
     values.clear();
-    bool headerSeen = false;
-    bool keySeen = false;
-    bool inKey = false;
-    size_t start = 0;
-    while (start <= contents.size()) {
-        size_t end = contents.find('\n', start);
-        if (end == std::string::npos)
-            end = contents.size();
-        std::string line = contents.substr(start, end - start);
-        start = end + 1;
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        if (!headerSeen) {
-            if (line != kHeaderLine)
-                return false;
-            headerSeen = true;
-            continue;
-        }
-        if (!line.empty() && line[0] == '[') {
-            // Key names compare without regard to case, as in the registry.
-            inKey = line.size() == sizeof kSectionLine - 1;
-            for (size_t k = 0; inKey && k < line.size(); ++k)
-                inKey = FoldCase(char16_t(uint8_t(line[k]))) == FoldCase(char16_t(uint8_t(kSectionLine[k])));
-            keySeen = keySeen || inKey;
-            continue;
-        }
+    for (const RegValue& entry : stored) {
         RegistryValue value;
-        if (inKey && ParseValueLine(line, value)) {
-            // A later line of the same name replaces an earlier one.
-            bool replaced = false;
-            for (RegistryValue& existing : values) {
-                if (EqualNoCase(existing.name, value.name.c_str())) {
-                    existing = value;
-                    replaced = true;
-                }
-            }
-            if (!replaced)
-                values.push_back(value);
+        if (!WideFromUtf8(entry.name, value.name))
+            continue;
+        if (entry.is_dword) {
+            value.type = REG_DWORD;
+            value.data.resize(4);
+            std::memcpy(value.data.data(), &entry.dword, 4);
+        } else {
+            std::u16string wide;
+            if (!WideFromUtf8(entry.text, wide))
+                continue;
+            value.type = REG_SZ;
+            value.data.resize((wide.size() + 1) * 2);
+            std::memcpy(value.data.data(), wide.c_str(), value.data.size());
         }
-    }
-    return keySeen;
-}
-
-static std::string EscapeQuoted(const std::string& text)
-{
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '\\' || c == '"')
-            out += '\\';
-        out += c;
-    }
-    out += '"';
-    return out;
-}
-
-static bool MakeFolders(const std::string& folder)
-{
-    for (size_t at = 1; at <= folder.size(); ++at) {
-        if (at == folder.size() || folder[at] == '/') {
-            const std::string part = folder.substr(0, at);
-            if (mkdir(part.c_str(), 0777) != 0 && errno != EEXIST)
-                return false;
-        }
+        values.push_back(std::move(value));
     }
     return true;
 }
 
-// The whole file anew: written to a temporary beside it, flushed, renamed.
+// The whole file anew, through the stand-in's atomic write.
 static LSTATUS WriteKey(const std::vector<RegistryValue>& values)
 {
-    std::string text = std::string(kHeaderLine) + "\n\n" + kSectionLine + "\n";
+    std::vector<RegValue> stored;
     for (const RegistryValue& value : values) {
-        text += EscapeQuoted(Utf8FromWide(value.name.c_str())) + "=";
+        RegValue entry{Utf8FromWide(value.name.c_str()), false, 0, std::string()};
         if (value.type == REG_DWORD && value.data.size() == 4) {
-            uint32_t word;
-            std::memcpy(&word, value.data.data(), 4);
-            char hex[16];
-            std::snprintf(hex, sizeof hex, "dword:%08x", word);
-            text += hex;
+            entry.is_dword = true;
+            std::memcpy(&entry.dword, value.data.data(), 4);
         } else {
             // Text up to its terminator, or up to the end of the data.
             std::u16string wide;
@@ -384,38 +223,13 @@ static LSTATUS WriteKey(const std::vector<RegistryValue>& values)
                     break;
                 wide += c;
             }
-            text += EscapeQuoted(Utf8FromWide(wide.c_str()));
+            entry.text = Utf8FromWide(wide.c_str());
         }
-        text += "\n";
+        stored.push_back(std::move(entry));
     }
-
-    const std::string folder = ConfigFolder();
-    if (!MakeFolders(folder))
-        return ERROR_ACCESS_DENIED;
-    const std::string target = RegistryFile();
-    const std::string temporary = target + ".tmp." + std::to_string(getpid());
-    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd < 0)
-        return ERROR_ACCESS_DENIED;
-    size_t written = 0;
-    bool ok = true;
-    while (written < text.size()) {
-        const ssize_t got = write(fd, text.data() + written, text.size() - written);
-        if (got < 0) {
-            if (errno == EINTR)
-                continue;
-            ok = false;
-            break;
-        }
-        written += size_t(got);
-    }
-    ok = ok && fsync(fd) == 0;
-    ok = close(fd) == 0 && ok;
-    if (!ok || rename(temporary.c_str(), target.c_str()) != 0) {
-        unlink(temporary.c_str());
-        return ERROR_ACCESS_DENIED;
-    }
-    return ERROR_SUCCESS;
+    std::string error;
+    return WriteRegKey(RegStoreFile(kKeyName), RegKeyPath(kKeyName), stored, error) ? ERROR_SUCCESS
+                                                                                     : ERROR_ACCESS_DENIED;
 }
 
 static bool IsOurKey(HKEY root, LPCWSTR subKey)

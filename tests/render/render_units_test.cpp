@@ -10,7 +10,7 @@
 #include "test_audio.h"
 #include "tools/render/levels.h"
 #include "tools/render/pcm_source.h"
-#include "tools/render/reg_file.h"
+#include "platform/reg_file.h"
 #include "tools/render/render_job.h"
 #include "tools/render/render_options.h"
 #include "tools/render/wav_file.h"

@@ -19,7 +19,7 @@
 
 #include "tools/render/demo_scene.h"
 #include "tools/render/plugin_host.h"
-#include "tools/render/reg_file.h"
+#include "platform/reg_file.h"
 #include "tools/render/render_job.h"
 #include "tools/render/render_options.h"
 

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "tools/host/out_module_host.h"
-#include "tools/render/reg_file.h"
+#include "platform/reg_file.h"
 #include "tools/render/wav_file.h"
 
 namespace {

@@ -18,7 +18,7 @@
 
 #include "tools/render/levels.h"
 #include "tools/render/plugin_host.h"
-#include "tools/render/reg_file.h"
+#include "platform/reg_file.h"
 #include "tools/render/wav_file.h"
 
 // Set by the signal handler; the run stops at the next block.

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/render/reg_file.h"
+#include "platform/reg_file.h"
 
 // One setting given on the command line, by its registry value name.
 struct SettingOverride {
