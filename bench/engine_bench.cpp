@@ -11,31 +11,20 @@
 #include "signal/engine_state.h"
 #include "signal/pcm_conversion.h"
 #include "signal/processor.h"
+#include "tests/support/engine_settings.h"
 
 namespace {
 
 constexpr uint32_t kFrames = 576;
 
-void SetMode(int32_t mode, int32_t bassRedirect)
-{
-    ProcessorSettingsRecord& s = ProcessorSettings;
-    s.Mode = mode;
-    s.Out_Bits = 16;
-    s.Surround_Delay = 10;
-    s.Centre_Width = 0;
-    s.Centre_Trim = 0;
-    s.Surround_Trim_00 = 0;
-    s.Bass_Redir = 120;
-    s.Bass_Redir_Enable = bassRedirect;
-    s.Bass_Trim = 0;
-    s.Bass_Invert = 0;
-    s.Virtual_C = 0;
-    s.L = s.R = s.C = s.SL = s.SR = 1;
-}
-
 void WriteInMode(benchmark::State& state, uint32_t channels)
 {
-    SetMode(int32_t(state.range(0)), 1);
+    // A 10 ms surround delay and bass redirection on, the rest as the test defaults.
+    SettingsWords settings;
+    settings.Mode = int32_t(state.range(0));
+    settings.Surround_Delay = 10;
+    settings.Bass_Redir_Enable = 1;
+    ApplySettings(settings);
     EngineReset();
     const StreamWords stream = {channels, 16, 44100, 16};
     std::vector<int16_t> pcm(kFrames * channels);
