@@ -11,7 +11,7 @@ CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 all: build
 
 deps:
-	@tools/install-deps.sh
+	@scripts/install-deps.sh
 
 configure: deps
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
@@ -22,7 +22,7 @@ build: configure
 # The main job: renders the embedded test scenes in every mode into $(DEMO)/
 # and prints where each source lands.
 demo: build
-	$(BUILD)/tools/render/kelvane-render --demo $(DEMO)
+	$(BUILD)/hosts/render/kelvane-render --demo $(DEMO)
 
 # Every test: the Linux build, then the Windows DLLs under Wine.
 test: test-linux test-windows
@@ -32,10 +32,10 @@ test-linux: build
 
 windows-deps:
 	@command -v i686-w64-mingw32-g++ >/dev/null && command -v wine >/dev/null && command -v Xvfb >/dev/null \
-	  || { if [ "$$(id -u)" -eq 0 ]; then tools/windows/setup.sh; else sudo tools/windows/setup.sh; fi; }
+	  || { if [ "$$(id -u)" -eq 0 ]; then scripts/windows/setup.sh; else sudo scripts/windows/setup.sh; fi; }
 
 test-windows: windows-deps
-	tools/windows/build.sh --test
+	scripts/windows/build.sh --test
 
 bench: build
 	$(BUILD)/bench/kelvane-bench

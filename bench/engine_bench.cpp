@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "signal/engine_state.h"
-#include "signal/pcm_conversion.h"
+#include "engine/engine.h"
+#include "engine/pcm_conversion.h"
 #include "signal/processor.h"
 #include "tests/support/engine_settings.h"
 

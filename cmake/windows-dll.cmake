@@ -10,7 +10,7 @@ target_link_options(out_kelvane PRIVATE -Wl,--exclude-all-symbols)
 # Dialog 101 and bitmap 102, written at build time from the control table
 # that the POSIX dialog is built from.
 kelvane_host_tool(make_dialog_rc
-  ${CMAKE_SOURCE_DIR}/tools/windows/make_dialog_rc.cpp
+  ${CMAKE_SOURCE_DIR}/tools/make_dialog_rc.cpp
   ${CMAKE_SOURCE_DIR}/settings/control_table.cpp)
 add_custom_command(
   OUTPUT ${KELVANE_RC_DIR}/dialog.rc

@@ -20,14 +20,14 @@ endfunction()
 
 # Resources of the plug-in: the dialog picture and the version.
 set(KELVANE_RC_DIR ${CMAKE_BINARY_DIR}/resources)
-kelvane_host_tool(make_logo_bitmap ${CMAKE_SOURCE_DIR}/tools/windows/make_logo_bitmap.cpp)
+kelvane_host_tool(make_logo_bitmap ${CMAKE_SOURCE_DIR}/tools/make_logo_bitmap.cpp)
 add_custom_command(
   OUTPUT ${KELVANE_RC_DIR}/logo.bmp
   COMMAND ${CMAKE_COMMAND} -E make_directory ${KELVANE_RC_DIR}
   COMMAND ${KELVANE_HOST_TOOLS}/make_logo_bitmap ${KELVANE_RC_DIR}/logo.bmp
   DEPENDS ${KELVANE_HOST_TOOLS}/make_logo_bitmap
   COMMENT "Drawing bitmap resource 102")
-configure_file(${CMAKE_SOURCE_DIR}/tools/windows/version.rc.in ${KELVANE_RC_DIR}/version.rc @ONLY)
+configure_file(${CMAKE_SOURCE_DIR}/cmake/version.rc.in ${KELVANE_RC_DIR}/version.rc @ONLY)
 
 if(TARGET out_kelvane)
   include(${CMAKE_CURRENT_LIST_DIR}/windows-dll.cmake)
@@ -39,10 +39,4 @@ endif()
 # into this one.
 if(TARGET out_kelvane)
   include(${CMAKE_SOURCE_DIR}/tests/wine/wine-tests.cmake)
-endif()
-
-# kelvane-render and out_wav are the Linux host and writer (dlopen, the .reg
-# file store); they have no Windows build, so they stay out of this one.
-if(IS_DIRECTORY ${CMAKE_SOURCE_DIR}/tools/render AND EXISTS ${CMAKE_SOURCE_DIR}/tools/render/CMakeLists.txt)
-  set_property(DIRECTORY ${CMAKE_SOURCE_DIR}/tools/render PROPERTY EXCLUDE_FROM_ALL ON)
 endif()

@@ -11,12 +11,12 @@ set(KELVANE_FFTW_PREFIX ${CMAKE_BINARY_DIR}/fftw/install CACHE PATH
 if(NOT EXISTS ${KELVANE_FFTW_PREFIX}/lib/libfftw3f.a)
   message(STATUS "Building FFTW for ${KELVANE_MINGW_TRIPLET} in ${KELVANE_FFTW_PREFIX} (about 80 s)")
   execute_process(
-    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/../tools/windows/build-fftw.sh
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/../scripts/windows/build-fftw.sh
             ${KELVANE_MINGW_TRIPLET} ${KELVANE_FFTW_PREFIX}
     RESULT_VARIABLE kelvane_fftw_result)
   if(NOT kelvane_fftw_result EQUAL 0)
     message(FATAL_ERROR "FFTW for ${KELVANE_MINGW_TRIPLET} could not be built; "
-                        "has tools/windows/setup.sh run on this machine?")
+                        "has scripts/windows/setup.sh run on this machine?")
   endif()
 endif()
 

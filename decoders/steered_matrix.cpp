@@ -13,7 +13,7 @@
 
 #include "decoders/steering_detect.h"
 #include "filters/surround_tail.h"
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 #include "signal/frame.h"
 #include "signal/gain.h"
 

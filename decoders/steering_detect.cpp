@@ -8,7 +8,7 @@
 
 #include <cmath>
 
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 #include "signal/frame.h"
 
 namespace {

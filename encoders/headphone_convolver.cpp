@@ -19,7 +19,7 @@
 #include <type_traits>
 
 #include "encoders/impulse_tables.h"
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 #include "signal/frame.h"
 
 static_assert(std::is_same_v<fftwf_plan, FftPlan>, "the engine holds FFTW's own plan handles");

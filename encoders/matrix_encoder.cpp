@@ -12,7 +12,7 @@
 #include "encoders/matrix_encoder.h"
 
 #include "filters/second_order.h"
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 #include "signal/frame.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include "filters/bass_redirect.h"
 
 #include "filters/second_order.h"
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 #include "signal/frame.h"
 #include "signal/gain.h"
 

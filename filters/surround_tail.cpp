@@ -11,7 +11,7 @@
 #include <cmath>
 
 #include "filters/second_order.h"
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 #include "signal/frame.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include "shell/chained_output.h"
 
 #include "settings/wide_text.h"
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 #include "signal/processor.h"
 
 ChainedOutputRecord ChainedOutput;

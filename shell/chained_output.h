@@ -7,7 +7,7 @@
 
 #include "platform/platform.h"
 #include "shell/out_module.h"
-#include "signal/pcm_conversion.h"
+#include "engine/pcm_conversion.h"
 
 struct ChainedOutputRecord {
     WNDPROC Window_Proc;     // the host window's procedure before the hook

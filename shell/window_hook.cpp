@@ -6,7 +6,7 @@
 // a reset, which the next Open or Close then carries out.
 #include "settings/settings_store.h"
 #include "shell/chained_output.h"
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 
 constexpr UINT kCommandMessage = 0x111;   // WM_COMMAND
 constexpr WORD kPlayCommand = 40045;      // the host's Play button

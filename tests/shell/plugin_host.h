@@ -24,7 +24,7 @@
 
 #include "platform/platform.h"  // the emulated dialog's records and the message numbers
 #include "tests/shell/recording_log.h"
-#include "tools/host/out_module_host.h"
+#include "hosts/out_module_host.h"
 
 namespace fs = std::filesystem;
 

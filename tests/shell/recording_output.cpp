@@ -2,7 +2,7 @@
 // built twice under two names, so that the tests can chain it and switch
 // between two of them.
 #include "tests/shell/recording_log.h"
-#include "tools/host/out_module_host.h"
+#include "hosts/out_module_host.h"
 
 #ifndef RECORDER_NAME
 #error "RECORDER_NAME names the recorder"

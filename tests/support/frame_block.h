@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "signal/engine_state.h"
+#include "engine/engine.h"
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"

@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-#include "signal/pcm_conversion.h"
+#include "engine/pcm_conversion.h"
 
 inline void Put8(std::vector<uint8_t>& bytes, uint8_t value) { bytes.push_back(value); }
 

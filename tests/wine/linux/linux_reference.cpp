@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "signal/engine_state.h"
-#include "signal/pcm_conversion.h"
+#include "engine/engine.h"
+#include "engine/pcm_conversion.h"
 #include "signal/processor.h"
 #include "tests/wine/scenarios.h"
 

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing need, when missing.
+# Needs root (or sudo) only when something is missing.
+set -euo pipefail
+
+packages=(cmake g++ make pkg-config libfftw3-dev libgtest-dev libbenchmark-dev libsndfile1-dev)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "Installing: ${missing[*]}"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+# An index that fails to download (a mirror in sync, the security suite's
+# i386 index lagging) need not stop the install: go on with what was fetched.
+$sudo apt-get update -qq || echo "install-deps.sh: some package indexes could not be fetched; going on" >&2
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

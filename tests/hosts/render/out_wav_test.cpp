@@ -1,0 +1,247 @@
+// out_wav.so driven through its record as any host would drive it, and the
+// files it leaves read back with libsndfile.
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fstream>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "test_audio.h"
+#include "hosts/out_module_host.h"
+
+namespace {
+
+constexpr int kProcessorId = 6546551;
+
+host::Out_Module* LoadWriter()
+{
+    void* library = dlopen(OutWavPath().c_str(), RTLD_NOW | RTLD_LOCAL);
+    EXPECT_NE(library, nullptr) << dlerror();
+    if (library == nullptr)
+        return nullptr;
+    auto get = reinterpret_cast<host::GetOutModuleFunction>(dlsym(library, host::kGetOutModuleName));
+    EXPECT_NE(get, nullptr);
+    return get != nullptr ? get() : nullptr;
+}
+
+// Points the writer's key at `file`, written by hand in the .reg format.
+void SetOutFile(const TempFolder& config, const std::string& file)
+{
+    mkdir(config.File("Morrowfen").c_str(), 0755);
+    std::ofstream(config.File("Morrowfen/OutWav.reg"), std::ios::binary)
+        << "Windows Registry Editor Version 5.00\n\n"
+           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\OutWav]\n"
+           "\"Out_File\"=\"" << file << "\"\n";
+}
+
+struct WriterFixture : ::testing::Test {
+    TempFolder config;
+    TempFolder output;
+    host::Out_Module* module = nullptr;
+    void SetUp() override
+    {
+        setenv("XDG_CONFIG_HOME", config.path.c_str(), 1);
+        module = LoadWriter();
+        ASSERT_NE(module, nullptr);
+    }
+    int Write(const std::vector<uint8_t>& bytes)
+    {
+        std::vector<uint8_t> copy = bytes;
+        return module->Write(reinterpret_cast<char*>(copy.data()), static_cast<int>(copy.size()));
+    }
+};
+
+std::vector<uint8_t> Sixteen(const std::vector<int32_t>& samples)
+{
+    std::vector<uint8_t> bytes;
+    for (int32_t sample : samples) {
+        bytes.push_back(static_cast<uint8_t>(sample & 0xFF));
+        bytes.push_back(static_cast<uint8_t>((sample >> 8) & 0xFF));
+    }
+    return bytes;
+}
+
+}  // namespace
+
+TEST_F(WriterFixture, RecordHasVersion16AndAllFifteenFunctions)
+{
+    EXPECT_EQ(module->version, 16);
+    ASSERT_NE(module->description, nullptr);
+    EXPECT_GT(std::string(module->description).size(), 0u);
+    EXPECT_NE(module->id, kProcessorId);
+    void* slots[] = {reinterpret_cast<void*>(module->Config), reinterpret_cast<void*>(module->About),
+                     reinterpret_cast<void*>(module->Init), reinterpret_cast<void*>(module->Quit),
+                     reinterpret_cast<void*>(module->Open), reinterpret_cast<void*>(module->Close),
+                     reinterpret_cast<void*>(module->Write), reinterpret_cast<void*>(module->CanWrite),
+                     reinterpret_cast<void*>(module->IsPlaying), reinterpret_cast<void*>(module->Pause),
+                     reinterpret_cast<void*>(module->SetVolume), reinterpret_cast<void*>(module->SetPan),
+                     reinterpret_cast<void*>(module->Flush), reinterpret_cast<void*>(module->GetOutputTime),
+                     reinterpret_cast<void*>(module->GetWrittenTime)};
+    for (void* slot : slots)
+        EXPECT_NE(slot, nullptr);
+}
+
+TEST_F(WriterFixture, SecondCallKeepsTheHostsHandles)
+{
+    host::HostWindow window{nullptr};
+    module->hMainWindow = &window;
+    module->hDllInstance = reinterpret_cast<host::HINSTANCE>(0x1234);
+    host::Out_Module* again = LoadWriter();
+    EXPECT_EQ(again, module);
+    EXPECT_EQ(again->hMainWindow, &window);
+    EXPECT_EQ(again->hDllInstance, reinterpret_cast<host::HINSTANCE>(0x1234));
+}
+
+TEST_F(WriterFixture, SixChannelsOfSixteenBitsReadBackExactlyWithFiveOneMask)
+{
+    const std::string file = output.File("six.wav");
+    SetOutFile(config, file);
+    ASSERT_GE(module->Open(44100, 6, 16, 2000, 500), 0);
+    const std::vector<int32_t> samples = Noise16(6 * 1000, 32767, 5);
+    const std::vector<uint8_t> bytes = Sixteen(samples);
+    // Three writes of unequal length, one of them empty.
+    const std::vector<uint8_t> first(bytes.begin(), bytes.begin() + 1200);
+    const std::vector<uint8_t> rest(bytes.begin() + 1200, bytes.end());
+    EXPECT_EQ(Write(first), 0);
+    EXPECT_EQ(Write({}), 0);
+    EXPECT_EQ(Write(rest), 0);
+    module->Close();
+
+    const TestAudio audio = ReadTestAudio(file);
+    EXPECT_EQ(audio.rate, 44100);
+    EXPECT_EQ(audio.channels, 6);
+    EXPECT_EQ(audio.format, SF_FORMAT_WAVEX | SF_FORMAT_PCM_16);
+    EXPECT_EQ(audio.samples, samples);
+    const std::vector<int> expected = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT, SF_CHANNEL_MAP_CENTER,
+                                       SF_CHANNEL_MAP_LFE, SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
+    EXPECT_EQ(ReadChannelMap(file), expected);
+    // 68 bytes of header and the samples, nothing else.
+    EXPECT_EQ(ReadWholeFile(file).size(), 68u + bytes.size());
+}
+
+TEST_F(WriterFixture, TwentyFourAndThirtyTwoBitStreamsKeepTheirWords)
+{
+    for (int bits : {24, 32}) {
+        const std::string file = output.File("deep" + std::to_string(bits) + ".wav");
+        SetOutFile(config, file);
+        ASSERT_GE(module->Open(48000, 6, bits, 2000, 500), 0);
+        std::vector<uint8_t> bytes;
+        std::vector<int32_t> expected;
+        for (int i = 0; i < 6 * 50; ++i) {
+            const int32_t value = (bits == 24 ? -4000000 : -2000000000) + i * 12345;
+            expected.push_back(value);
+            for (int b = 0; b < bits / 8; ++b)
+                bytes.push_back(static_cast<uint8_t>(static_cast<uint32_t>(value) >> (8 * b)));
+        }
+        EXPECT_EQ(Write(bytes), 0);
+        module->Close();
+        const TestAudio audio = ReadTestAudio(file);
+        EXPECT_EQ(audio.format, SF_FORMAT_WAVEX | (bits == 24 ? SF_FORMAT_PCM_24 : SF_FORMAT_PCM_32));
+        EXPECT_EQ(audio.rate, 48000);
+        EXPECT_EQ(audio.samples, expected) << bits;
+    }
+}
+
+TEST_F(WriterFixture, TimesAreDerivedFromTheBytesWritten)
+{
+    SetOutFile(config, output.File("time.wav"));
+    ASSERT_GE(module->Open(44100, 2, 16, 2000, 500), 0);
+    EXPECT_EQ(module->GetWrittenTime(), 0);
+    std::vector<uint8_t> second(44100 * 4, 0);
+    EXPECT_EQ(Write(second), 0);
+    EXPECT_EQ(module->GetWrittenTime(), 1000);
+    EXPECT_EQ(module->GetOutputTime(), 1000);
+    // A seek: the clock restarts at the host's time.
+    module->Flush(5000);
+    EXPECT_EQ(module->GetWrittenTime(), 5000);
+    std::vector<uint8_t> half(22050 * 4, 0);
+    EXPECT_EQ(Write(half), 0);
+    EXPECT_EQ(module->GetWrittenTime(), 5500);
+    EXPECT_EQ(module->IsPlaying(), 0);
+    module->Close();
+    // Flush does not cut the file: all 1.5 s are in it.
+    EXPECT_EQ(ReadTestAudio(output.File("time.wav")).Frames(), 44100 + 22050);
+}
+
+TEST_F(WriterFixture, CanWriteIsGenerousAndZeroWhilePaused)
+{
+    SetOutFile(config, output.File("pause.wav"));
+    ASSERT_GE(module->Open(44100, 6, 32, 2000, 500), 0);
+    // Room for the largest block a processor sends: 8192 frames of 6 x 32 bits.
+    EXPECT_GE(module->CanWrite(), 8192 * 6 * 4);
+    EXPECT_EQ(module->Pause(1), 0);
+    EXPECT_EQ(module->CanWrite(), 0);
+    EXPECT_EQ(module->Pause(0), 1);
+    EXPECT_GE(module->CanWrite(), 8192 * 6 * 4);
+    module->SetVolume(10);
+    module->SetPan(-127);
+    std::vector<uint8_t> bytes(24, 0x55);
+    EXPECT_EQ(Write(bytes), 0);
+    module->Close();
+    // Volume and pan leave the samples alone.
+    const TestAudio audio = ReadTestAudio(output.File("pause.wav"));
+    ASSERT_EQ(audio.samples.size(), 6u);
+    EXPECT_EQ(audio.samples[0], 0x55555555);
+}
+
+TEST_F(WriterFixture, OddDataIsFollowedByAPadByte)
+{
+    const std::string file = output.File("odd.wav");
+    SetOutFile(config, file);
+    ASSERT_GE(module->Open(8000, 1, 8, 2000, 500), 0);
+    EXPECT_EQ(Write({0x80, 0xFF, 0x00}), 0);
+    module->Close();
+    const std::string bytes = ReadWholeFile(file);
+    ASSERT_EQ(bytes.size(), 44u + 3 + 1);
+    const uint32_t riff = static_cast<uint8_t>(bytes[4]) | static_cast<uint8_t>(bytes[5]) << 8;
+    EXPECT_EQ(riff, 36u + 4);
+    const TestAudio audio = ReadTestAudio(file);
+    EXPECT_EQ(audio.samples, (std::vector<int32_t>{0, 127, -128}));
+}
+
+TEST_F(WriterFixture, EachOpenReadsTheFileNameAnew)
+{
+    SetOutFile(config, output.File("one.wav"));
+    ASSERT_GE(module->Open(44100, 2, 16, 2000, 500), 0);
+    EXPECT_EQ(Write(std::vector<uint8_t>(40, 1)), 0);
+    module->Close();
+    SetOutFile(config, output.File("two.wav"));
+    ASSERT_GE(module->Open(22050, 2, 16, 2000, 500), 0);
+    EXPECT_EQ(Write(std::vector<uint8_t>(80, 2)), 0);
+    module->Close();
+    EXPECT_EQ(ReadTestAudio(output.File("one.wav")).Frames(), 10);
+    const TestAudio two = ReadTestAudio(output.File("two.wav"));
+    EXPECT_EQ(two.Frames(), 20);
+    EXPECT_EQ(two.rate, 22050);
+}
+
+TEST_F(WriterFixture, UnwritablePlaceFailsOpenAndRefusesWrites)
+{
+    SetOutFile(config, output.File("missing/folder/x.wav"));
+    EXPECT_LT(module->Open(44100, 6, 16, 2000, 500), 0);
+    EXPECT_NE(Write(std::vector<uint8_t>(12, 0)), 0);
+    module->Close();
+    EXPECT_EQ(FolderEntries(output.path).size(), 0u);
+}
+
+TEST_F(WriterFixture, WithoutItsKeyItWritesToTheHomeFolder)
+{
+    TempFolder home;
+    setenv("HOME", home.path.c_str(), 1);
+    ASSERT_GE(module->Open(44100, 2, 16, 2000, 500), 0);
+    EXPECT_EQ(Write(std::vector<uint8_t>(8, 0)), 0);
+    module->Close();
+    EXPECT_EQ(ReadTestAudio(home.File("out_wav.wav")).Frames(), 2);
+}
+
+TEST_F(WriterFixture, InitAndQuitAroundAPlaybackFinishTheFile)
+{
+    module->Init();
+    SetOutFile(config, output.File("quit.wav"));
+    ASSERT_GE(module->Open(44100, 2, 16, 2000, 500), 0);
+    EXPECT_EQ(Write(std::vector<uint8_t>(400, 0)), 0);
+    // Quit without Close still leaves a finished file.
+    module->Quit();
+    EXPECT_EQ(ReadTestAudio(output.File("quit.wav")).Frames(), 100);
+}
