@@ -25,7 +25,6 @@
 #endif
 
 #include "engine/dispatch.h"
-#include "engine/engine.h"
 #include "signal/frame.h"
 
 int32_t TruncateToInt32(float value)
@@ -179,9 +178,10 @@ void StorePcm(const float* f, uint8_t* out, uint32_t count, float scale)
 
 }  // namespace
 
-void ConvertAndProcess(const StreamWords& stream, const uint8_t* source, uint32_t& frames)
+void ConvertAndProcess(Engine& engine, const ProcessorSettingsRecord& settings, const StreamWords& stream,
+                       const uint8_t* source, uint32_t& frames)
 {
-    float* f = FrameBlock.Resize(kFrameBlockFloats, false);
+    float* f = engine.FrameBlock.Resize(kFrameBlockFloats, false);
     switch (stream.Stream_Bits) {
     case 8:
         ConvertDepth<8>(stream.Stream_Channels, source, f, frames);
@@ -200,7 +200,7 @@ void ConvertAndProcess(const StreamWords& stream, const uint8_t* source, uint32_
         break;
     }
 
-    const ProcessorSettingsRecord& s = ProcessorSettings;
+    const ProcessorSettingsRecord& s = settings;
     ProcessorBlock block;
     block.Mode = s.Mode;
     block.Surround_Delay = s.Surround_Delay;
@@ -220,27 +220,27 @@ void ConvertAndProcess(const StreamWords& stream, const uint8_t* source, uint32_
     block.In_Channels = int32_t(stream.Stream_Channels);
     block.Sample_Rate = stream.Stream_Rate;
     block.Frames = frames;
-    block.Block = &FrameBlock;
+    block.Block = &engine.FrameBlock;
 
-    DispatchMode(block);
+    DispatchMode(engine, block);
 
     frames = block.Frames;
-    const float* out = FrameBlock.data;  // anew: a stage may have reallocated it
+    const float* out = engine.FrameBlock.data;  // anew: a stage may have reallocated it
     const uint32_t floats = block.Frames * kFrameFloats;
     // The bytes in four-byte units, plus one.
     const uint32_t n = (((stream.Output_Bits / 8) * block.Frames * 6) / 4) + 1;
     switch (stream.Output_Bits) {
     case 16:
-        PcmBlock.Resize(n, false);
-        StorePcm<16>(out, reinterpret_cast<uint8_t*>(PcmBlock.data), floats, kOutputScale16);
+        engine.PcmBlock.Resize(n, false);
+        StorePcm<16>(out, reinterpret_cast<uint8_t*>(engine.PcmBlock.data), floats, kOutputScale16);
         break;
     case 24:
-        PcmBlock.Resize(n, false);
-        StorePcm<24>(out, reinterpret_cast<uint8_t*>(PcmBlock.data), floats, kOutputScale24);
+        engine.PcmBlock.Resize(n, false);
+        StorePcm<24>(out, reinterpret_cast<uint8_t*>(engine.PcmBlock.data), floats, kOutputScale24);
         break;
     case 32:
-        PcmBlock.Resize(n, false);
-        StorePcm<32>(out, reinterpret_cast<uint8_t*>(PcmBlock.data), floats, kOutputScale32);
+        engine.PcmBlock.Resize(n, false);
+        StorePcm<32>(out, reinterpret_cast<uint8_t*>(engine.PcmBlock.data), floats, kOutputScale32);
         break;
     default:
         // Any other word size: PcmBlock keeps its size and contents.
