@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "hosts/render/demo_scene.h"
+#include "hosts/render/fftw_wisdom_cache.h"
 #include "hosts/render/plugin_host.h"
 #include "platform/posix/reg_file.h"
 #include "hosts/render/render_job.h"
@@ -215,10 +216,15 @@ int Run(const RenderOptions& options, const std::string& work_folder, PluginSess
         Fail("cannot set XDG_CONFIG_HOME");
         return kExitFailure;
     }
+    // Loading makes the processor's FFT plans: with the cached wisdom at
+    // hand they take no time.
+    WisdomCache wisdom{WisdomCachePath(), {}};
+    LoadWisdomCache(wisdom);
     if (!LoadPlugin(plugin, session, error)) {
         Fail(error);
         return kExitFailure;
     }
+    SaveWisdomCache(wisdom);
     RenderContext context{&session, work_folder};
     const bool progress = !options.quiet && isatty(STDERR_FILENO);
 
