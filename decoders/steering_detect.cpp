@@ -7,7 +7,9 @@
 #include "decoders/steering_detect.h"
 
 #include <cmath>
+#include <cstddef>
 
+#include "signal/block_math.h"
 #include "signal/frame.h"
 
 namespace {
@@ -20,16 +22,25 @@ inline float Magnitude(float v)
     return v >= 0.0f ? v : -0.0f - v;
 }
 
+// The quotient whose logarithm LogRatio takes; 1.0 when both magnitudes are
+// zero, whose logarithm is the 0.0 that LogRatio gives then.
+inline double RatioOf(float a, float b)
+{
+    if (a == 0.0f && b == 0.0f)
+        return 1.0;
+    const double g = double(kSteeringLeak);
+    const double numerator = double(a) + g * double(b);
+    const double denominator = double(b) + g * double(a);
+    return numerator / denominator;
+}
+
 // ln((a + g b) / (b + g a)) in double precision, rounded once; 0.0 when both
 // magnitudes are exactly zero.
 inline float LogRatio(float a, float b)
 {
     if (a == 0.0f && b == 0.0f)
         return 0.0f;
-    const double g = double(kSteeringLeak);
-    const double numerator = double(a) + g * double(b);
-    const double denominator = double(b) + g * double(a);
-    return float(std::log(numerator / denominator));
+    return float(std::log(RatioOf(a, b)));
 }
 
 }  // namespace
@@ -51,8 +62,8 @@ void BandSplit(SteeringState& steering, ProcessorBlock& block)
         high[2 * i] = f[kSlotL];
         high[2 * i + 1] = f[kSlotR];
     }
-    HighPass2(steering.BandFilter[0], high, 0, kBandSplit, 2, block);
-    HighPass2(steering.BandFilter[1], high, 1, kBandSplit, 2, block);
+    const SectionLane lanes[2] = {{&steering.BandFilter[0], high}, {&steering.BandFilter[1], high + 1}};
+    HighPass2Lanes(lanes, 2, kBandSplit, block);
     f = block.Block->data;
     for (uint32_t i = 0; i < block.Frames; ++i, f += kFrameFloats) {
         low[2 * i] = f[kSlotL] - high[2 * i];
@@ -60,13 +71,55 @@ void BandSplit(SteeringState& steering, ProcessorBlock& block)
     }
 }
 
+namespace {
+
+// Frames per detection pass: the quotients of a pass wait in doubles on the
+// stack for their logarithms.
+constexpr uint32_t kDetectFrames = 256;
+
+// Raw x and y of `count` frames of an interleaved band, as SteeringPair
+// gives them, with the logarithms taken a pass at a time.
+void DetectRaw(const float* band, float* x, float* y, uint32_t count)
+{
+    double qx[kDetectFrames];
+    double qy[kDetectFrames];
+    for (uint32_t first = 0; first < count; first += kDetectFrames) {
+        const uint32_t n = count - first < kDetectFrames ? count - first : kDetectFrames;
+        const float* b = band + 2 * std::size_t(first);
+        for (uint32_t i = 0; i < n; ++i) {
+            const float l = b[2 * i];
+            const float r = b[2 * i + 1];
+            const float p = r + l;
+            const float m = l - r;
+            qx[i] = RatioOf(Magnitude(l), Magnitude(r));
+            qy[i] = RatioOf(Magnitude(p), Magnitude(m));
+        }
+        LogToFloat(qx, x + first, n);
+        LogToFloat(qy, y + first, n);
+    }
+}
+
+}  // namespace
+
 void SteeringDetect(const ProcessorBlock& block, const float* band, FilterState& xState,
                     FilterState& yState, float* x, float* y)
 {
-    for (uint32_t i = 0; i < block.Frames; ++i)
-        SteeringPair(band[2 * i], band[2 * i + 1], x[i], y[i]);
+    DetectRaw(band, x, y, block.Frames);
     // The smoother works in place on the whole array, so it runs after the
     // detection pass; its memory carries the steering over block boundaries.
-    LowPass2(xState, x, 0, kSteeringSmoother, 1, block);
-    LowPass2(yState, y, 0, kSteeringSmoother, 1, block);
+    const SectionLane lanes[2] = {{&xState, x}, {&yState, y}};
+    LowPass2Lanes(lanes, 1, kSteeringSmoother, block);
+}
+
+void SteeringDetectBands(SteeringState& steering, const ProcessorBlock& block)
+{
+    DetectRaw(steering.HighBand.data, steering.SteerHighLR.data, steering.SteerHighCS.data, block.Frames);
+    DetectRaw(steering.LowBand.data, steering.SteerLowLR.data, steering.SteerLowCS.data, block.Frames);
+    const SectionLane lanes[4] = {
+        {&steering.SteerFilter[0], steering.SteerHighLR.data},
+        {&steering.SteerFilter[1], steering.SteerHighCS.data},
+        {&steering.SteerFilter[2], steering.SteerLowLR.data},
+        {&steering.SteerFilter[3], steering.SteerLowCS.data},
+    };
+    LowPass2Lanes(lanes, 1, kSteeringSmoother, block);
 }

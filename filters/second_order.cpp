@@ -9,6 +9,7 @@
 #include "filters/second_order.h"
 
 #include <cmath>
+#include <cstddef>
 
 #include "signal/frame.h"
 
@@ -56,73 +57,92 @@ SectionCoefficients LowPassCoefficients(float cutoff, int32_t sampleRate)
 
 namespace {
 
-// One sample of the high-pass recursion; moves the memory.
-inline float HighPassStep(const SectionCoefficients& k, FilterState& m, float x)
+template <int N, float (*Step)(const SectionCoefficients&, FilterState&, float)>
+void RunLanes(const SectionLane (&lanes)[N], int32_t stride, const SectionCoefficients& k, uint32_t frames)
 {
-    float t = m.x2 - m.x1 * 2.0f;
-    t = t + x;
-    t = t * k.a;
-    t = t - m.y1 * k.B1;
-    const float y = t - m.y2 * k.B2;
-    m.x2 = m.x1;
-    m.y2 = m.y1;
-    m.x1 = x;
-    m.y1 = y;
-    return y;
-}
-
-// One sample of the low-pass recursion; moves the memory.
-inline float LowPassStep(const SectionCoefficients& k, FilterState& m, float x)
-{
-    float t = m.x1 * 2.0f + x;
-    t = t + m.x2;
-    t = t * k.a;
-    t = t - m.y1 * k.B1;
-    const float y = t - m.y2 * k.B2;
-    m.x2 = m.x1;
-    m.y2 = m.y1;
-    m.x1 = x;
-    m.y1 = y;
-    return y;
+    FilterState m[N];  // held in registers over the loop
+    float* p[N];
+#pragma GCC unroll 4
+    for (int j = 0; j < N; ++j) {
+        m[j] = *lanes[j].state;
+        p[j] = lanes[j].samples;
+    }
+    for (uint32_t i = 0; i < frames; ++i) {
+#pragma GCC unroll 4
+        for (int j = 0; j < N; ++j) {
+            *p[j] = Step(k, m[j], *p[j]);
+            p[j] += stride;
+        }
+    }
+    for (int j = 0; j < N; ++j)
+        *lanes[j].state = m[j];
 }
 
 }  // namespace
 
+template <int N>
+void HighPass2Lanes(const SectionLane (&lanes)[N], int32_t stride, float cutoff, const ProcessorBlock& block)
+{
+    RunLanes<N, HighPassStep>(lanes, stride, HighPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
+}
+
+template <int N>
+void LowPass2Lanes(const SectionLane (&lanes)[N], int32_t stride, float cutoff, const ProcessorBlock& block)
+{
+    RunLanes<N, LowPassStep>(lanes, stride, LowPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
+}
+
+template void HighPass2Lanes<2>(const SectionLane (&)[2], int32_t, float, const ProcessorBlock&);
+template void LowPass2Lanes<2>(const SectionLane (&)[2], int32_t, float, const ProcessorBlock&);
+template void LowPass2Lanes<4>(const SectionLane (&)[4], int32_t, float, const ProcessorBlock&);
+
 void HighPass2(FilterState& state, float* base, uint32_t first, float cutoff, int32_t stride,
                const ProcessorBlock& block)
 {
-    const SectionCoefficients k = HighPassCoefficients(cutoff, block.Sample_Rate);
-    FilterState m = state;  // held in registers over the loop
-    float* p = base + first;
-    for (uint32_t i = 0; i < block.Frames; ++i, p += stride)
-        *p = HighPassStep(k, m, *p);
-    state = m;
+    const SectionLane lane[1] = {{&state, base + first}};
+    RunLanes<1, HighPassStep>(lane, stride, HighPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
 }
 
 void LowPass2(FilterState& state, float* base, uint32_t first, float cutoff, int32_t stride,
               const ProcessorBlock& block)
 {
-    const SectionCoefficients k = LowPassCoefficients(cutoff, block.Sample_Rate);
-    FilterState m = state;
-    float* p = base + first;
-    for (uint32_t i = 0; i < block.Frames; ++i, p += stride)
-        *p = LowPassStep(k, m, *p);
-    state = m;
+    const SectionLane lane[1] = {{&state, base + first}};
+    RunLanes<1, LowPassStep>(lane, stride, LowPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
 }
+
+template <int N>
+void SplitHighPass2Lanes(FilterState* const (&states)[N], const uint32_t (&slots)[N], float* side, float cutoff,
+                         const ProcessorBlock& block)
+{
+    const SectionCoefficients k = HighPassCoefficients(cutoff, block.Sample_Rate);
+    FilterState m[N];
+    for (int j = 0; j < N; ++j)
+        m[j] = *states[j];
+    float* f = block.Block->data;
+    for (uint32_t i = 0; i < block.Frames; ++i, f += kFrameFloats) {
+        float s = side[i];
+#pragma GCC unroll 4
+        for (int j = 0; j < N; ++j) {
+            const float x = f[slots[j]];
+            const float y = HighPassStep(k, m[j], x);
+            f[slots[j]] = y;
+            // The removed part goes to the side array, which the caller cleared.
+            const float d = x - y;
+            s = d + s;
+        }
+        side[i] = s;
+    }
+    for (int j = 0; j < N; ++j)
+        *states[j] = m[j];
+}
+
+template void SplitHighPass2Lanes<3>(FilterState* const (&)[3], const uint32_t (&)[3], float*, float,
+                                     const ProcessorBlock&);
 
 void SplitHighPass2(FilterState& state, uint32_t slot, float* side, float cutoff,
                     const ProcessorBlock& block)
 {
-    const SectionCoefficients k = HighPassCoefficients(cutoff, block.Sample_Rate);
-    FilterState m = state;
-    float* p = block.Block->data + slot;
-    for (uint32_t i = 0; i < block.Frames; ++i, p += kFrameFloats) {
-        const float x = *p;
-        const float y = HighPassStep(k, m, x);
-        *p = y;
-        // The removed part goes to the side array, which the caller cleared.
-        const float d = x - y;
-        side[i] = d + side[i];
-    }
-    state = m;
+    FilterState* const states[1] = {&state};
+    const uint32_t slots[1] = {slot};
+    SplitHighPass2Lanes<1>(states, slots, side, cutoff, block);
 }

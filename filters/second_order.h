@@ -33,6 +33,35 @@ struct SectionCoefficients {
 SectionCoefficients HighPassCoefficients(float cutoff, int32_t sampleRate);
 SectionCoefficients LowPassCoefficients(float cutoff, int32_t sampleRate);
 
+// One sample of each recursion, in the order above; moves the memory.
+inline float HighPassStep(const SectionCoefficients& k, FilterState& m, float x)
+{
+    float t = m.x2 - m.x1 * 2.0f;
+    t = t + x;
+    t = t * k.a;
+    t = t - m.y1 * k.B1;
+    const float y = t - m.y2 * k.B2;
+    m.x2 = m.x1;
+    m.y2 = m.y1;
+    m.x1 = x;
+    m.y1 = y;
+    return y;
+}
+
+inline float LowPassStep(const SectionCoefficients& k, FilterState& m, float x)
+{
+    float t = m.x1 * 2.0f + x;
+    t = t + m.x2;
+    t = t * k.a;
+    t = t - m.y1 * k.B1;
+    const float y = t - m.y2 * k.B2;
+    m.x2 = m.x1;
+    m.y2 = m.y1;
+    m.x1 = x;
+    m.y1 = y;
+    return y;
+}
+
 // Both process exactly block.Frames samples at base[first], base[first +
 // stride], ...; Sample_Rate and Frames are read from the block.
 void HighPass2(FilterState& state, float* base, uint32_t first, float cutoff, int32_t stride,
@@ -44,3 +73,25 @@ void LowPass2(FilterState& state, float* base, uint32_t first, float cutoff, int
 // the removed part, input minus output, to side[i] for each frame i.
 void SplitHighPass2(FilterState& state, uint32_t slot, float* side, float cutoff,
                     const ProcessorBlock& block);
+
+// One section of several that run side by side: its memory and its first
+// sample.
+struct SectionLane {
+    FilterState* state;
+    float* samples;
+};
+
+// N sections of one kind and cut-off in one loop, each over block.Frames
+// samples at its own pointer with the common stride. Every section keeps its
+// own memory and order of operations, so the result is that of N separate
+// calls; the independent recursions only overlap in the processor.
+template <int N>
+void HighPass2Lanes(const SectionLane (&lanes)[N], int32_t stride, float cutoff, const ProcessorBlock& block);
+template <int N>
+void LowPass2Lanes(const SectionLane (&lanes)[N], int32_t stride, float cutoff, const ProcessorBlock& block);
+
+// SplitHighPass2 on N slots of the frames in one loop; the removed parts
+// are added to side[i] in the order of the slots, as N calls would add them.
+template <int N>
+void SplitHighPass2Lanes(FilterState* const (&states)[N], const uint32_t (&slots)[N], float* side, float cutoff,
+                         const ProcessorBlock& block);

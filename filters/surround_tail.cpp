@@ -49,7 +49,8 @@ void DelayRun(SampleBlock& line, uint32_t microseconds, const ProcessorBlock& bl
     for (uint32_t i = 0; i < block.Frames; ++i, p += kFrameFloats) {
         const float out = ring[position];
         ring[position] = *p;
-        position = (position + 1) % n;
+        if (++position == n)
+            position = 0;
         *p = out;
     }
     line.position = position;
@@ -60,8 +61,9 @@ void SurroundLowPass(SurroundTailState& tail, ProcessorBlock& block)
     if (block.Sample_Rate < kSurroundLowPassMinRate)
         return;
     float* frames = block.Block->data;
-    LowPass2(tail.SurroundFilter[0], frames, kSlotSL, kSurroundCutoff, kFrameFloats, block);
-    LowPass2(tail.SurroundFilter[1], frames, kSlotSR, kSurroundCutoff, kFrameFloats, block);
+    const SectionLane lanes[2] = {{&tail.SurroundFilter[0], frames + kSlotSL},
+                                  {&tail.SurroundFilter[1], frames + kSlotSR}};
+    LowPass2Lanes(lanes, kFrameFloats, kSurroundCutoff, block);
 }
 
 void SurroundDelay(SurroundTailState& tail, ProcessorBlock& block)
