@@ -8,9 +8,14 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 
 #include "signal/block_math.h"
 #include "signal/frame.h"
+
+// The lanes' wide vectors stay inside this unit; their calling convention
+// does not matter.
+#pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace {
 
@@ -77,6 +82,36 @@ namespace {
 // stack for their logarithms.
 constexpr uint32_t kDetectFrames = 256;
 
+// Four frames side by side in the vector unit, each lane in the order of
+// operations of RatioOf.
+typedef float Floats __attribute__((vector_size(16)));
+typedef double Doubles __attribute__((vector_size(32)));
+constexpr uint32_t kLanes = 4;
+
+inline Floats MagnitudeLanes(Floats v)
+{
+    const Floats zero = {0.0f, 0.0f, 0.0f, 0.0f};
+    const Floats negativeZero = {-0.0f, -0.0f, -0.0f, -0.0f};
+    return v >= zero ? v : negativeZero - v;
+}
+
+// Where both magnitudes are zero, both become 1, whose quotient is exactly
+// the 1.0 that RatioOf gives there.
+inline Doubles RatioLanes(Floats a, Floats b)
+{
+    const Floats zero = {0.0f, 0.0f, 0.0f, 0.0f};
+    const Floats one = {1.0f, 1.0f, 1.0f, 1.0f};
+    const auto silent = (a == zero) & (b == zero);
+    a = silent ? one : a;
+    b = silent ? one : b;
+    const Doubles g = {double(kSteeringLeak), double(kSteeringLeak), double(kSteeringLeak), double(kSteeringLeak)};
+    const Doubles da = __builtin_convertvector(a, Doubles);
+    const Doubles db = __builtin_convertvector(b, Doubles);
+    const Doubles numerator = da + g * db;
+    const Doubles denominator = db + g * da;
+    return numerator / denominator;
+}
+
 // Raw x and y of `count` frames of an interleaved band, as SteeringPair
 // gives them, with the logarithms taken a pass at a time.
 void DetectRaw(const float* band, float* x, float* y, uint32_t count)
@@ -86,7 +121,21 @@ void DetectRaw(const float* band, float* x, float* y, uint32_t count)
     for (uint32_t first = 0; first < count; first += kDetectFrames) {
         const uint32_t n = count - first < kDetectFrames ? count - first : kDetectFrames;
         const float* b = band + 2 * std::size_t(first);
-        for (uint32_t i = 0; i < n; ++i) {
+        uint32_t i = 0;
+        for (; i + kLanes <= n; i += kLanes) {
+            Floats lo, hi;
+            std::memcpy(&lo, b + 2 * i, sizeof lo);
+            std::memcpy(&hi, b + 2 * i + kLanes, sizeof hi);
+            const Floats l = __builtin_shufflevector(lo, hi, 0, 2, 4, 6);
+            const Floats r = __builtin_shufflevector(lo, hi, 1, 3, 5, 7);
+            const Floats p = r + l;
+            const Floats m = l - r;
+            const Doubles ratioX = RatioLanes(MagnitudeLanes(l), MagnitudeLanes(r));
+            const Doubles ratioY = RatioLanes(MagnitudeLanes(p), MagnitudeLanes(m));
+            std::memcpy(qx + i, &ratioX, sizeof ratioX);
+            std::memcpy(qy + i, &ratioY, sizeof ratioY);
+        }
+        for (; i < n; ++i) {
             const float l = b[2 * i];
             const float r = b[2 * i + 1];
             const float p = r + l;

@@ -35,6 +35,46 @@ void AddLevelFrame(ChannelLevels& levels, const double* samples)
     ++levels.frames;
 }
 
+void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames)
+{
+    const size_t channels = static_cast<size_t>(levels.channels);
+    size_t done = 0;
+    while (done < frames) {
+        // The frames up to the end of the current window, or all of them.
+        size_t run = frames - done;
+        double* window = nullptr;
+        if (levels.window_frames != 0) {
+            const uint64_t into = levels.frames % levels.window_frames;
+            if (into == 0)
+                levels.window_square.resize(levels.window_square.size() + channels, 0.0);
+            window = &levels.window_square[levels.window_square.size() - channels];
+            if (levels.window_frames - into < run)
+                run = static_cast<size_t>(levels.window_frames - into);
+        }
+        // Channel by channel, each sum in the order of the frames.
+        const double* first = samples + done * channels;
+        for (size_t c = 0; c < channels; ++c) {
+            double peak = levels.peak[c];
+            double sum = levels.sum_square[c];
+            double in_window = window != nullptr ? window[c] : 0.0;
+            for (size_t i = 0; i < run; ++i) {
+                const double x = first[i * channels + c];
+                const double square = x * x;
+                if (std::fabs(x) > peak)
+                    peak = std::fabs(x);
+                sum += square;
+                in_window += square;
+            }
+            levels.peak[c] = peak;
+            levels.sum_square[c] = sum;
+            if (window != nullptr)
+                window[c] = in_window;
+        }
+        levels.frames += run;
+        done += run;
+    }
+}
+
 double LevelDb(double linear)
 {
     if (linear <= 0.0)

@@ -21,6 +21,10 @@ void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames);
 // Adds one frame of `channels` samples.
 void AddLevelFrame(ChannelLevels& levels, const double* samples);
 
+// Adds `frames` interleaved frames: the same sums as one AddLevelFrame for
+// each, added in the same order.
+void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames);
+
 // 20 log10 of a linear level; -infinity for 0.
 double LevelDb(double linear);
 

@@ -9,7 +9,9 @@
 // Where it writes is its own setting, the string value Out_File of the key
 // HKEY_LOCAL_MACHINE\SOFTWARE\Morrowfen\OutWav in the registry stand-in. The
 // key is read at every Open, not only at Init: a plug-in that chains us never
-// calls our Init, and a host may point each track at a file of its own.
+// calls our Init, and a host may point each track at a file of its own. The
+// number value Out_Channels, when it is there and below the stream's channel
+// count, keeps only the first channels of every frame in the file.
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -26,9 +28,13 @@ namespace {
 
 constexpr const char* kKeyName = "OutWav";
 constexpr const char* kOutFileValue = "Out_File";
+constexpr const char* kOutChannelsValue = "Out_Channels";
 constexpr const char* kDefaultFileName = "out_wav.wav";
 constexpr const char* kCaption = "WAV Writer";
 constexpr int kOwnModuleId = 0x57415601;
+
+// The file's buffer: large writes, few system calls.
+constexpr size_t kFileBufferBytes = 1 << 20;
 
 // Room offered to the host at any moment. A file takes what comes, so this
 // only has to be large enough never to hold a player back.
@@ -37,11 +43,13 @@ constexpr int kCanWriteBytes = 8 * 1024 * 1024;
 struct WavWriterState {
     std::FILE* file;          // the open output, null between Close and Open
     std::string path;         // where it goes
-    WavFormat format;         // as opened
+    WavFormat format;         // as written: the kept channels
+    int stream_channels;      // channels per frame that the host writes
     uint64_t data_bytes;      // sample bytes written since Open
     uint64_t bytes_at_flush;  // data_bytes at the last Flush, the origin of the clock
     int time_at_flush_ms;     // the host's time at that Flush, milliseconds
     int paused;               // last pause state from the host
+    std::vector<uint8_t> kept;  // the kept channels of a write
 };
 
 WavWriterState Writer;
@@ -69,6 +77,19 @@ std::string ConfiguredOutFile()
     if (value == nullptr || value->is_dword || value->text.empty())
         return DefaultOutFile();
     return value->text;
+}
+
+// The channels to keep of a stream of `channels`: all, unless Out_Channels
+// asks for fewer.
+int ConfiguredChannels(int channels)
+{
+    std::vector<RegValue> values;
+    ReadRegKey(RegStoreFile(kKeyName), RegKeyPath(kKeyName), values);
+    const RegValue* value = FindRegValue(values, kOutChannelsValue);
+    if (value == nullptr || !value->is_dword)
+        return channels;
+    const int kept = static_cast<int>(value->dword);
+    return kept >= 1 && kept < channels ? kept : channels;
 }
 
 int MillisecondsOf(uint64_t bytes)
@@ -126,7 +147,8 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
         return -1;
     }
     Writer.path = ConfiguredOutFile();
-    Writer.format = WavFormat{static_cast<uint32_t>(samplerate), static_cast<uint16_t>(numchannels),
+    Writer.stream_channels = numchannels;
+    Writer.format = WavFormat{static_cast<uint32_t>(samplerate), static_cast<uint16_t>(ConfiguredChannels(numchannels)),
                               static_cast<uint16_t>(bitspersamp)};
     Writer.data_bytes = 0;
     Writer.bytes_at_flush = 0;
@@ -136,6 +158,7 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
         ShowMessage("cannot create " + Writer.path + ": " + std::strerror(errno));
         return -1;
     }
+    std::setvbuf(Writer.file, nullptr, _IOFBF, kFileBufferBytes);
     // Sizes of 0 until Close knows them.
     const std::vector<uint8_t> header = WavHeader(Writer.format, 0);
     if (std::fwrite(header.data(), 1, header.size(), Writer.file) != header.size()) {
@@ -156,15 +179,29 @@ int Write(char* buf, int len)
 {
     if (Writer.file == nullptr || len < 0)
         return 1;
-    if (Writer.data_bytes + static_cast<uint64_t>(len) > kMaxWavDataBytes) {
+    const char* bytes = buf;
+    size_t length = static_cast<size_t>(len);
+    if (Writer.format.channels != Writer.stream_channels) {
+        // The first channels of every whole frame.
+        const size_t sample_bytes = Writer.format.bits / 8;
+        const size_t in_frame = sample_bytes * static_cast<size_t>(Writer.stream_channels);
+        const size_t out_frame = sample_bytes * Writer.format.channels;
+        const size_t frames = length / in_frame;
+        Writer.kept.resize(frames * out_frame);
+        for (size_t i = 0; i < frames; ++i)
+            std::memcpy(&Writer.kept[i * out_frame], buf + i * in_frame, out_frame);
+        bytes = reinterpret_cast<const char*>(Writer.kept.data());
+        length = Writer.kept.size();
+    }
+    if (Writer.data_bytes + length > kMaxWavDataBytes) {
         ShowMessage(Writer.path + " has reached the size limit of a WAV file");
         return 1;
     }
-    if (len > 0 && std::fwrite(buf, 1, static_cast<size_t>(len), Writer.file) != static_cast<size_t>(len)) {
+    if (length > 0 && std::fwrite(bytes, 1, length, Writer.file) != length) {
         ShowMessage("cannot write " + Writer.path + ": " + std::strerror(errno));
         return 1;
     }
-    Writer.data_bytes += static_cast<uint64_t>(len);
+    Writer.data_bytes += length;
     return 0;
 }
 

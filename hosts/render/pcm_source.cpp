@@ -1,6 +1,7 @@
 // Audio files as integer PCM for an output plug-in.
 #include "hosts/render/pcm_source.h"
 
+#include <bit>
 #include <cmath>
 
 namespace {
@@ -94,6 +95,15 @@ int64_t ReadPcmBlock(PcmSource& source, int frames, std::vector<uint8_t>& bytes,
     const size_t samples = static_cast<size_t>(frames) * channels;
     const int sample_bytes = source.bits / 8;
     sf_count_t got = 0;
+    if (source.bits == 16 && !source.read_float && frame_power == nullptr && std::endian::native == std::endian::little) {
+        // 16-bit words read as they are, straight into the block.
+        bytes.resize(samples * 2);
+        got = sf_readf_short(source.file, reinterpret_cast<short*>(bytes.data()), frames);
+        if (got < 0 || sf_error(source.file) != SF_ERR_NO_ERROR)
+            return -1;
+        bytes.resize(static_cast<size_t>(got) * channels * 2);
+        return got;
+    }
     if (source.read_float) {
         source.floats.resize(samples);
         got = sf_readf_float(source.file, source.floats.data(), frames);

@@ -222,18 +222,39 @@ bool OpenPieces(const std::vector<std::string>& paths, PieceStream& stream, std:
     return true;
 }
 
-// A sample of an output word at full scale 1.0.
-double SampleValue(const uint8_t* p, int bits)
+// Samples of output words at full scale 1.0, `count` of them.
+template <int Bits>
+void SampleValues(const uint8_t* p, size_t count, double* out)
 {
-    switch (bits) {
-    case 8: return (static_cast<int>(p[0]) - 128) / 128.0;
-    case 16: return static_cast<int16_t>(p[0] | p[1] << 8) / 32768.0;
-    case 24: return static_cast<int32_t>(static_cast<uint32_t>(p[0]) << 8 | static_cast<uint32_t>(p[1]) << 16 |
-                                         static_cast<uint32_t>(p[2]) << 24) / 2147483648.0;
-    default: return static_cast<int32_t>(static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-                                         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24) /
-                    2147483648.0;
+    for (size_t i = 0; i < count; ++i, p += Bits / 8) {
+        if constexpr (Bits == 8)
+            out[i] = (static_cast<int>(p[0]) - 128) / 128.0;
+        else if constexpr (Bits == 16)
+            out[i] = static_cast<int16_t>(p[0] | p[1] << 8) / 32768.0;
+        else if constexpr (Bits == 24)
+            out[i] = static_cast<int32_t>(static_cast<uint32_t>(p[0]) << 8 | static_cast<uint32_t>(p[1]) << 16 |
+                                          static_cast<uint32_t>(p[2]) << 24) / 2147483648.0;
+        else
+            out[i] = static_cast<int32_t>(static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+                                          static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24) /
+                     2147483648.0;
     }
+}
+
+// Measures `frames` frames of packed words into both level records.
+void MeasureFrames(const uint8_t* bytes, size_t frames, int bits, int channels, std::vector<double>& values,
+                   ChannelLevels& file_levels, ChannelLevels& stream_levels)
+{
+    const size_t count = frames * static_cast<size_t>(channels);
+    values.resize(count);
+    switch (bits) {
+    case 8: SampleValues<8>(bytes, count, values.data()); break;
+    case 16: SampleValues<16>(bytes, count, values.data()); break;
+    case 24: SampleValues<24>(bytes, count, values.data()); break;
+    default: SampleValues<32>(bytes, count, values.data()); break;
+    }
+    AddLevelFrames(file_levels, values.data(), frames);
+    AddLevelFrames(stream_levels, values.data(), frames);
 }
 
 // Copies frames [first, first + count) of the stream to `out`, keeping the
@@ -245,7 +266,7 @@ bool CopyStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int b
     const uint32_t keep_bytes = sample_bytes * static_cast<uint32_t>(keep_channels);
     std::vector<uint8_t> in(static_cast<size_t>(kCopyFrames) * stream.frame_bytes);
     std::vector<uint8_t> kept(static_cast<size_t>(kCopyFrames) * keep_bytes);
-    std::vector<double> frame(static_cast<size_t>(keep_channels));
+    std::vector<double> values;
     size_t piece = 0;
     while (count > 0) {
         while (piece + 1 < stream.files.size() && stream.first_frame[piece + 1] <= first)
@@ -260,14 +281,10 @@ bool CopyStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int b
             error = "cannot read back the processor's output";
             return false;
         }
-        for (uint64_t i = 0; i < run; ++i) {
-            const uint8_t* source = &in[static_cast<size_t>(i * stream.frame_bytes)];
-            std::memcpy(&kept[static_cast<size_t>(i * keep_bytes)], source, keep_bytes);
-            for (int c = 0; c < keep_channels; ++c)
-                frame[static_cast<size_t>(c)] = SampleValue(source + c * sample_bytes, bits);
-            AddLevelFrame(file_levels, frame.data());
-            AddLevelFrame(stream_levels, frame.data());
-        }
+        for (uint64_t i = 0; i < run; ++i)
+            std::memcpy(&kept[static_cast<size_t>(i * keep_bytes)], &in[static_cast<size_t>(i * stream.frame_bytes)],
+                        keep_bytes);
+        MeasureFrames(kept.data(), static_cast<size_t>(run), bits, keep_channels, values, file_levels, stream_levels);
         const size_t out_bytes = static_cast<size_t>(run * keep_bytes);
         if (std::fwrite(kept.data(), 1, out_bytes, out) != out_bytes) {
             error = std::string("cannot write output: ") + std::strerror(errno);
@@ -275,6 +292,51 @@ bool CopyStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int b
         }
         first += run;
         count -= run;
+    }
+    return true;
+}
+
+// The direct way for one input into one output: the writer has written
+// the kept channels straight into the output's temporary file, so the file
+// is measured where it lies, given the header of `frames` frames and cut
+// behind them (the silence that let go of the convolver goes).
+bool CutInPlace(PieceStream& stream, uint64_t frames, const WavFormat& format, PendingFile& pending,
+                ChannelLevels& file_levels, ChannelLevels& stream_levels, std::string& error)
+{
+    const WavLayout& layout = stream.layouts.front();
+    const uint64_t data_bytes = frames * stream.frame_bytes;
+    const std::vector<uint8_t> header = WavHeader(format, static_cast<uint32_t>(data_bytes));
+    if (header.size() != layout.data_offset || stream.frame_bytes != WavFrameBytes(format)) {
+        error = "the output plug-in wrote an unexpected header to " + pending.final_path;
+        return false;
+    }
+    std::FILE* in = stream.files.front();
+    std::vector<uint8_t> chunk(static_cast<size_t>(kCopyFrames) * stream.frame_bytes);
+    std::vector<double> values;
+    if (std::fseek(in, static_cast<long>(layout.data_offset), SEEK_SET) != 0) {
+        error = "cannot read back the processor's output";
+        return false;
+    }
+    for (uint64_t done = 0; done < frames;) {
+        const uint64_t run = std::min(kCopyFrames, frames - done);
+        const size_t bytes = static_cast<size_t>(run * stream.frame_bytes);
+        if (std::fread(chunk.data(), 1, bytes, in) != bytes) {
+            error = "cannot read back the processor's output";
+            return false;
+        }
+        MeasureFrames(chunk.data(), static_cast<size_t>(run), format.bits, format.channels, values, file_levels,
+                      stream_levels);
+        done += run;
+    }
+    const uint64_t end = layout.data_offset + data_bytes + (data_bytes & 1u);
+    bool good = std::fseek(pending.file, 0, SEEK_SET) == 0 &&
+                std::fwrite(header.data(), 1, header.size(), pending.file) == header.size();
+    if (good && (data_bytes & 1u))
+        good = std::fseek(pending.file, static_cast<long>(end - 1), SEEK_SET) == 0 && std::fputc(0, pending.file) == 0;
+    good = good && std::fflush(pending.file) == 0 && ftruncate(fileno(pending.file), static_cast<off_t>(end)) == 0;
+    if (!good) {
+        error = "cannot write " + pending.final_path + ": " + std::strerror(errno);
+        return false;
     }
     return true;
 }
@@ -374,15 +436,24 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     std::vector<uint8_t> buffer;
     std::vector<double> power;
     uint64_t stream_frames = 0;  // frames written since the last reset, silence included
+    // One input into one output: no pieces, the writer writes the output's
+    // temporary file itself, with only the kept channels.
+    const bool direct = request.outputs.size() == 1 && run.sources.size() == 1;
+    std::vector<std::string> piece_paths;
 
     for (size_t i = 0; i < run.sources.size(); ++i) {
         PcmSource& source = run.sources[i];
-        const std::string piece = context.work_folder + "/piece-" + std::to_string(i) + ".wav";
+        const std::string piece = direct ? run.outputs.front().temporary_path
+                                         : context.work_folder + "/piece-" + std::to_string(i) + ".wav";
         std::vector<RegValue> writer;
         SetRegString(writer, "Out_File", piece);
+        if (direct && request.two_channel)
+            SetRegDword(writer, "Out_Channels", 2);
         if (!WriteRegKey(context.work_folder + "/Morrowfen/OutWav.reg", RegKeyPath("OutWav"), writer, error))
             return false;
-        run.pieces.push_back(piece);
+        piece_paths.push_back(piece);
+        if (!direct)
+            run.pieces.push_back(piece);
 
         if (request.reset_between && i > 0) {
             SendHostCommand(*context.session, host::kCommandPlay);
@@ -405,7 +476,8 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
                 error = "interrupted";
                 return false;
             }
-            const int64_t got = ReadPcmBlock(source, kWriteFrames, block, &power);
+            // The input's levels are needed for the picture only.
+            const int64_t got = ReadPcmBlock(source, kWriteFrames, block, request.report.empty() ? nullptr : &power);
             if (got < 0) {
                 error = "cannot read input " + source.path + ": " + sf_strerror(source.file);
                 return false;
@@ -456,7 +528,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     DrawProgress(progress, true);
 
     // Cut the outputs from the stream that came back.
-    if (!OpenPieces(run.pieces, run.stream, error))
+    if (!OpenPieces(piece_paths, run.stream, error))
         return false;
     const WavLayout& first_piece = run.stream.layouts.front();
     const int out_bits = first_piece.format.bits;
@@ -492,6 +564,12 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         if (data_bytes > kMaxWavDataBytes) {
             error = plan.path + " would exceed the size limit of a WAV file";
             return false;
+        }
+        if (direct) {
+            if (!CutInPlace(run.stream, result.frames, result.format, pending, result.levels, stream_levels, error))
+                return false;
+            summary.outputs.push_back(result);
+            continue;
         }
         std::vector<uint8_t> header = WavHeader(result.format, static_cast<uint32_t>(data_bytes));
         if (std::fwrite(header.data(), 1, header.size(), pending.file) != header.size()) {

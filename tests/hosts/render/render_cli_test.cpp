@@ -147,7 +147,9 @@ struct RenderFixture : ::testing::Test {
 
     std::vector<std::pair<std::string, std::string>> Environment() const
     {
-        return {{"XDG_CONFIG_HOME", config.path}, {"HOME", home.path}, {"KELVANE_PLUGIN", ""}};
+        // The planner's wisdom is shared by all the tests' runs, in this build.
+        return {{"XDG_CONFIG_HOME", config.path}, {"HOME", home.path}, {"KELVANE_PLUGIN", ""},
+                {"XDG_CACHE_HOME", KELVANE_TEST_RENDER_CACHE}};
     }
 
     ProcessResult Render(std::vector<std::string> args, bool with_plugin = true) const
