@@ -6,7 +6,7 @@ DEMO ?= demo
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build demo test test-linux test-windows windows-deps bench clean
+.PHONY: all deps configure build demo test test-linux test-windows windows-deps bench compare clean
 
 all: build
 
@@ -39,6 +39,11 @@ test-windows: windows-deps
 
 bench: build
 	$(BUILD)/bench/kelvane-bench
+
+# Whole processes against ffmpeg and sox on the same files; the table in
+# README.md comes from here.
+compare: build
+	BUILD=$(abspath $(BUILD)) bench/compare.sh
 
 clean:
 	rm -rf $(BUILD) build-win32 build-win64 $(DEMO)

@@ -35,6 +35,48 @@ void AddLevelFrame(ChannelLevels& levels, const double* samples)
     ++levels.frames;
 }
 
+namespace {
+
+// `run` frames of `Channels` channels, each channel's sums in the order of
+// the frames, the channels side by side.
+template <size_t Channels, bool Windowed>
+void AddRun(ChannelLevels& levels, const double* samples, size_t run, double* window)
+{
+    double peak[Channels], sum[Channels], in_window[Channels];
+    for (size_t c = 0; c < Channels; ++c) {
+        peak[c] = levels.peak[c];
+        sum[c] = levels.sum_square[c];
+        in_window[c] = Windowed ? window[c] : 0.0;
+    }
+    for (size_t i = 0; i < run; ++i, samples += Channels)
+        for (size_t c = 0; c < Channels; ++c) {
+            const double x = samples[c];
+            const double square = x * x;
+            if (std::fabs(x) > peak[c])
+                peak[c] = std::fabs(x);
+            sum[c] += square;
+            if (Windowed)
+                in_window[c] += square;
+        }
+    for (size_t c = 0; c < Channels; ++c) {
+        levels.peak[c] = peak[c];
+        levels.sum_square[c] = sum[c];
+        if (Windowed)
+            window[c] = in_window[c];
+    }
+}
+
+template <size_t Channels>
+void AddRunOf(ChannelLevels& levels, const double* samples, size_t run, double* window)
+{
+    if (window != nullptr)
+        AddRun<Channels, true>(levels, samples, run, window);
+    else
+        AddRun<Channels, false>(levels, samples, run, window);
+}
+
+}  // namespace
+
 void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames)
 {
     const size_t channels = static_cast<size_t>(levels.channels);
@@ -51,24 +93,23 @@ void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames)
             if (levels.window_frames - into < run)
                 run = static_cast<size_t>(levels.window_frames - into);
         }
-        // Channel by channel, each sum in the order of the frames.
         const double* first = samples + done * channels;
-        for (size_t c = 0; c < channels; ++c) {
-            double peak = levels.peak[c];
-            double sum = levels.sum_square[c];
-            double in_window = window != nullptr ? window[c] : 0.0;
-            for (size_t i = 0; i < run; ++i) {
-                const double x = first[i * channels + c];
-                const double square = x * x;
-                if (std::fabs(x) > peak)
-                    peak = std::fabs(x);
-                sum += square;
-                in_window += square;
-            }
-            levels.peak[c] = peak;
-            levels.sum_square[c] = sum;
-            if (window != nullptr)
-                window[c] = in_window;
+        switch (channels) {
+        case 1: AddRunOf<1>(levels, first, run, window); break;
+        case 2: AddRunOf<2>(levels, first, run, window); break;
+        case 6: AddRunOf<6>(levels, first, run, window); break;
+        default:
+            for (size_t c = 0; c < channels; ++c)
+                for (size_t i = 0; i < run; ++i) {
+                    const double x = first[i * channels + c];
+                    const double square = x * x;
+                    if (std::fabs(x) > levels.peak[c])
+                        levels.peak[c] = std::fabs(x);
+                    levels.sum_square[c] += square;
+                    if (window != nullptr)
+                        window[c] += square;
+                }
+            break;
         }
         levels.frames += run;
         done += run;

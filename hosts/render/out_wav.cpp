@@ -50,6 +50,7 @@ struct WavWriterState {
     int time_at_flush_ms;     // the host's time at that Flush, milliseconds
     int paused;               // last pause state from the host
     std::vector<uint8_t> kept;  // the kept channels of a write
+    std::vector<char> buffer;   // the file's buffer, as long as it is open
 };
 
 WavWriterState Writer;
@@ -98,6 +99,14 @@ int MillisecondsOf(uint64_t bytes)
     if (bytes_per_second == 0)
         return 0;
     return static_cast<int>(bytes * 1000 / bytes_per_second);
+}
+
+// The first Bytes bytes of each of `frames` frames of `in_frame` bytes.
+template <size_t Bytes>
+void KeepChannels(const char* in, uint8_t* out, size_t frames, size_t in_frame)
+{
+    for (size_t i = 0; i < frames; ++i, in += in_frame, out += Bytes)
+        std::memcpy(out, in, Bytes);
 }
 
 // Writes the final sizes into the header and closes the file.
@@ -158,7 +167,9 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
         ShowMessage("cannot create " + Writer.path + ": " + std::strerror(errno));
         return -1;
     }
-    std::setvbuf(Writer.file, nullptr, _IOFBF, kFileBufferBytes);
+    // The C library takes the size only with a buffer of our own.
+    Writer.buffer.resize(kFileBufferBytes);
+    std::setvbuf(Writer.file, Writer.buffer.data(), _IOFBF, Writer.buffer.size());
     // Sizes of 0 until Close knows them.
     const std::vector<uint8_t> header = WavHeader(Writer.format, 0);
     if (std::fwrite(header.data(), 1, header.size(), Writer.file) != header.size()) {
@@ -188,8 +199,11 @@ int Write(char* buf, int len)
         const size_t out_frame = sample_bytes * Writer.format.channels;
         const size_t frames = length / in_frame;
         Writer.kept.resize(frames * out_frame);
-        for (size_t i = 0; i < frames; ++i)
-            std::memcpy(&Writer.kept[i * out_frame], buf + i * in_frame, out_frame);
+        if (out_frame == 4)  // two channels of 16 bits, the usual case
+            KeepChannels<4>(buf, Writer.kept.data(), frames, in_frame);
+        else
+            for (size_t i = 0; i < frames; ++i)
+                std::memcpy(&Writer.kept[i * out_frame], buf + i * in_frame, out_frame);
         bytes = reinterpret_cast<const char*>(Writer.kept.data());
         length = Writer.kept.size();
     }

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +29,10 @@ constexpr int kFullVolume = 255;
 constexpr int kCentrePan = 0;
 // How long to wait for an output plug-in that has no room before giving up.
 constexpr double kCanWriteTimeoutSeconds = 30.0;
+// Frames read from an input at a time: many writes' worth.
+constexpr int kReadFrames = 64 * kWriteFrames;
+// Frames measured at a time, their samples held as doubles in the cache.
+constexpr uint64_t kMeasureFrames = 1024;
 // Bytes copied at a time when the outputs are cut from the pieces.
 constexpr uint64_t kCopyFrames = 16384;
 // The level picture has at most about this many columns.
@@ -166,13 +171,12 @@ bool WriteBlock(host::Out_Module* module, std::vector<uint8_t>& buffer, int leng
 // 32 bits and five of 24 bits the processor reads past the end of what it was
 // given, up to 2.2 times the block's length, and those reads must land on
 // something defined.
-void PrepareWriteBuffer(std::vector<uint8_t>& buffer, const std::vector<uint8_t>& block)
+void PrepareWriteBuffer(std::vector<uint8_t>& buffer, const uint8_t* block, size_t length)
 {
-    const size_t length = block.size();
     const size_t total = 3 * length + 64;
     if (buffer.size() < total)
         buffer.resize(total);
-    std::memcpy(buffer.data(), block.data(), length);
+    std::memcpy(buffer.data(), block, length);
     std::memset(buffer.data() + length, 0, total - length);
 }
 
@@ -241,9 +245,10 @@ void SampleValues(const uint8_t* p, size_t count, double* out)
     }
 }
 
-// Measures `frames` frames of packed words into both level records.
+// Measures `frames` frames of packed words into the file's levels and, when
+// there is one, the stream's (which only the picture needs).
 void MeasureFrames(const uint8_t* bytes, size_t frames, int bits, int channels, std::vector<double>& values,
-                   ChannelLevels& file_levels, ChannelLevels& stream_levels)
+                   ChannelLevels& file_levels, ChannelLevels* stream_levels)
 {
     const size_t count = frames * static_cast<size_t>(channels);
     values.resize(count);
@@ -254,13 +259,14 @@ void MeasureFrames(const uint8_t* bytes, size_t frames, int bits, int channels, 
     default: SampleValues<32>(bytes, count, values.data()); break;
     }
     AddLevelFrames(file_levels, values.data(), frames);
-    AddLevelFrames(stream_levels, values.data(), frames);
+    if (stream_levels != nullptr)
+        AddLevelFrames(*stream_levels, values.data(), frames);
 }
 
 // Copies frames [first, first + count) of the stream to `out`, keeping the
 // first `keep_channels` channels of each frame, and measures them.
 bool CopyStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int bits, int keep_channels, std::FILE* out,
-                      ChannelLevels& file_levels, ChannelLevels& stream_levels, std::string& error)
+                      ChannelLevels& file_levels, ChannelLevels* stream_levels, std::string& error)
 {
     const uint32_t sample_bytes = static_cast<uint32_t>(bits) / 8;
     const uint32_t keep_bytes = sample_bytes * static_cast<uint32_t>(keep_channels);
@@ -301,7 +307,7 @@ bool CopyStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int b
 // is measured where it lies, given the header of `frames` frames and cut
 // behind them (the silence that let go of the convolver goes).
 bool CutInPlace(PieceStream& stream, uint64_t frames, const WavFormat& format, PendingFile& pending,
-                ChannelLevels& file_levels, ChannelLevels& stream_levels, std::string& error)
+                ChannelLevels& file_levels, ChannelLevels* stream_levels, std::string& error)
 {
     const WavLayout& layout = stream.layouts.front();
     const uint64_t data_bytes = frames * stream.frame_bytes;
@@ -310,24 +316,25 @@ bool CutInPlace(PieceStream& stream, uint64_t frames, const WavFormat& format, P
         error = "the output plug-in wrote an unexpected header to " + pending.final_path;
         return false;
     }
+    // Measured where it lies in the page cache, mapped rather than copied.
     std::FILE* in = stream.files.front();
-    std::vector<uint8_t> chunk(static_cast<size_t>(kCopyFrames) * stream.frame_bytes);
-    std::vector<double> values;
-    if (std::fseek(in, static_cast<long>(layout.data_offset), SEEK_SET) != 0) {
+    const size_t mapped_bytes = static_cast<size_t>(layout.data_offset + data_bytes);
+    void* mapped = data_bytes == 0 ? nullptr
+                                   : mmap(nullptr, mapped_bytes, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fileno(in), 0);
+    if (mapped == MAP_FAILED) {
         error = "cannot read back the processor's output";
         return false;
     }
+    std::vector<double> values;
+    const uint8_t* data = static_cast<const uint8_t*>(mapped) + layout.data_offset;
     for (uint64_t done = 0; done < frames;) {
-        const uint64_t run = std::min(kCopyFrames, frames - done);
-        const size_t bytes = static_cast<size_t>(run * stream.frame_bytes);
-        if (std::fread(chunk.data(), 1, bytes, in) != bytes) {
-            error = "cannot read back the processor's output";
-            return false;
-        }
-        MeasureFrames(chunk.data(), static_cast<size_t>(run), format.bits, format.channels, values, file_levels,
-                      stream_levels);
+        const uint64_t run = std::min(kMeasureFrames, frames - done);
+        MeasureFrames(data + done * stream.frame_bytes, static_cast<size_t>(run), format.bits, format.channels, values,
+                      file_levels, stream_levels);
         done += run;
     }
+    if (mapped != nullptr)
+        munmap(mapped, mapped_bytes);
     const uint64_t end = layout.data_offset + data_bytes + (data_bytes & 1u);
     bool good = std::fseek(pending.file, 0, SEEK_SET) == 0 &&
                 std::fwrite(header.data(), 1, header.size(), pending.file) == header.size();
@@ -476,26 +483,30 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
                 error = "interrupted";
                 return false;
             }
-            // The input's levels are needed for the picture only.
-            const int64_t got = ReadPcmBlock(source, kWriteFrames, block, request.report.empty() ? nullptr : &power);
-            if (got < 0) {
+            // Read in large blocks, written as a player writes, 576 frames at a
+            // time. The input's levels are needed for the picture only.
+            const int64_t read = ReadPcmBlock(source, kReadFrames, block, request.report.empty() ? nullptr : &power);
+            if (read < 0) {
                 error = "cannot read input " + source.path + ": " + sf_strerror(source.file);
                 return false;
             }
-            if (got == 0)
+            if (read == 0)
                 break;
-            PrepareWriteBuffer(buffer, block);
-            if (!WriteBlock(module, buffer, static_cast<int>(got) * frame_bytes, error))
-                return false;
-            for (double p : power) {
-                const double level = std::sqrt(p);
-                AddLevelFrame(input_levels, &level);
+            for (int64_t at = 0; at < read; at += kWriteFrames) {
+                const int64_t got = std::min<int64_t>(kWriteFrames, read - at);
+                PrepareWriteBuffer(buffer, block.data() + at * frame_bytes, static_cast<size_t>(got * frame_bytes));
+                if (!WriteBlock(module, buffer, static_cast<int>(got) * frame_bytes, error))
+                    return false;
+                for (size_t k = static_cast<size_t>(at); k < power.size() && k < static_cast<size_t>(at + got); ++k) {
+                    const double level = std::sqrt(power[k]);
+                    AddLevelFrame(input_levels, &level);
+                }
+                input_frames[i] += static_cast<uint64_t>(got);
+                stream_frames += static_cast<uint64_t>(got);
+                progress.frames_done += static_cast<uint64_t>(got);
+                progress.audio_seconds += static_cast<double>(got) / source.rate;
+                DrawProgress(progress, false);
             }
-            input_frames[i] += static_cast<uint64_t>(got);
-            stream_frames += static_cast<uint64_t>(got);
-            progress.frames_done += static_cast<uint64_t>(got);
-            progress.audio_seconds += static_cast<double>(got) / source.rate;
-            DrawProgress(progress, false);
         }
 
         // Silence until the convolver has let go of everything it holds:
@@ -510,7 +521,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
             while (padding > 0) {
                 const int frames = static_cast<int>(std::min<int64_t>(padding, kWriteFrames));
                 block.assign(static_cast<size_t>(frames) * frame_bytes, source.bits == 8 ? 128 : 0);
-                PrepareWriteBuffer(buffer, block);
+                PrepareWriteBuffer(buffer, block.data(), block.size());
                 if (!WriteBlock(module, buffer, frames * frame_bytes, error))
                     return false;
                 padding -= frames;
@@ -550,6 +561,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     }
     ChannelLevels stream_levels{};
     InitLevels(stream_levels, keep_channels, window_frames);
+    ChannelLevels* stream_measure = request.report.empty() ? nullptr : &stream_levels;
     for (size_t o = 0; o < request.outputs.size(); ++o) {
         const OutputPlan& plan = request.outputs[o];
         PendingFile& pending = run.outputs[o];
@@ -566,7 +578,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
             return false;
         }
         if (direct) {
-            if (!CutInPlace(run.stream, result.frames, result.format, pending, result.levels, stream_levels, error))
+            if (!CutInPlace(run.stream, result.frames, result.format, pending, result.levels, stream_measure, error))
                 return false;
             summary.outputs.push_back(result);
             continue;
@@ -578,7 +590,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         }
         for (size_t input : plan.inputs)
             if (!CopyStreamFrames(run.stream, input_start[input], input_frames[input], out_bits, keep_channels,
-                                  pending.file, result.levels, stream_levels, error))
+                                  pending.file, result.levels, stream_measure, error))
                 return false;
         if (data_bytes & 1u)
             std::fputc(0, pending.file);
