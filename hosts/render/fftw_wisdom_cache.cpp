@@ -3,6 +3,7 @@
 
 #include <fftw3.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -49,6 +50,18 @@ bool MakeFolders(const std::string& path)
         if (slash == std::string::npos)
             return true;
     }
+}
+
+// The lines of a wisdom text in sorted order: the planner exports the same
+// wisdom in an order of its own from run to run.
+std::vector<std::string> SortedLines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    std::sort(lines.begin(), lines.end());
+    return lines;
 }
 
 }  // namespace
@@ -98,7 +111,7 @@ void SaveWisdomCache(const WisdomCache& cache)
         return;
     const std::string wisdom = exported;
     std::free(exported);
-    if (wisdom == cache.loaded)
+    if (SortedLines(wisdom) == SortedLines(cache.loaded))
         return;
     const size_t slash = cache.path.rfind('/');
     if (slash == std::string::npos || !MakeFolders(cache.path.substr(0, slash)))

@@ -5,6 +5,7 @@
 // the command line's options, so that a run never touches the saved
 // settings: XDG_CONFIG_HOME points at a work folder of this run before the
 // library is loaded, and its settings file names out_wav.so as the output.
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -12,8 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <set>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -342,25 +345,9 @@ int Run(const RenderOptions& options, const std::string& work_folder, PluginSess
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+// One process's whole render: signals, work folder, the run, the cleanup.
+int RenderProcess(const RenderOptions& options)
 {
-    RenderOptions options{};
-    std::string error;
-    if (!ParseRenderArgs(argc, argv, options, error)) {
-        Fail(error);
-        return kExitUsage;
-    }
-    if (options.help) {
-        std::fputs(RenderUsage(), stdout);
-        return 0;
-    }
-    if (options.version) {
-        std::printf("kelvane-render %s\n", KELVANE_RENDER_VERSION);
-        return 0;
-    }
-
     struct sigaction action{};
     action.sa_handler = OnSignal;
     sigemptyset(&action.sa_mask);
@@ -385,4 +372,82 @@ int main(int argc, char** argv)
     RemoveWorkFolder(work_folder);
     std::fflush(stdout);
     return status;
+}
+
+// Processes to render in side by side. Only files that start from a reset
+// engine (-o DIR with --reset-between) come out of a process of their own
+// exactly as they come out of one play-list; without the reset each file
+// carries the tail of the one before it, so they go in turn. A level picture
+// covers the whole play-list and keeps it in one process too.
+int ProcessesFor(const RenderOptions& options)
+{
+    if (options.output_dir.empty() || !options.reset_between || !options.report.empty() || options.inputs.size() < 2)
+        return 1;
+    // Two inputs of one name are refused by the run itself, in one process.
+    std::set<std::string> names;
+    for (const std::string& input : options.inputs)
+        if (!names.insert(StemOf(input)).second)
+            return 1;
+    const long cores = sysconf(_SC_NPROCESSORS_ONLN);
+    const int jobs = options.jobs > 0 ? options.jobs : static_cast<int>(cores > 0 ? cores : 1);
+    return static_cast<int>(std::min<size_t>(static_cast<size_t>(jobs), options.inputs.size()));
+}
+
+// Every `processes`-th file to each process, without progress bars; the
+// first failure's status, or the interruption's.
+int RenderSideBySide(const RenderOptions& options, int processes)
+{
+    std::vector<pid_t> children;
+    int status = 0;
+    for (int k = 0; k < processes; ++k) {
+        RenderOptions share = options;
+        share.inputs.clear();
+        for (size_t i = static_cast<size_t>(k); i < options.inputs.size(); i += static_cast<size_t>(processes))
+            share.inputs.push_back(options.inputs[i]);
+        share.quiet = true;
+        std::fflush(stdout);
+        std::fflush(stderr);
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(RenderProcess(share));
+        if (child < 0) {
+            Fail(std::string("cannot start a process: ") + std::strerror(errno));
+            status = kExitFailure;
+            break;
+        }
+        children.push_back(child);
+    }
+    for (pid_t child : children) {
+        int result = 0;
+        while (waitpid(child, &result, 0) < 0 && errno == EINTR) {
+        }
+        const int code = WIFEXITED(result) ? WEXITSTATUS(result) : kExitInterrupted;
+        if (status == 0)
+            status = code;
+    }
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    RenderOptions options{};
+    std::string error;
+    if (!ParseRenderArgs(argc, argv, options, error)) {
+        Fail(error);
+        return kExitUsage;
+    }
+    if (options.help) {
+        std::fputs(RenderUsage(), stdout);
+        return 0;
+    }
+    if (options.version) {
+        std::printf("kelvane-render %s\n", KELVANE_RENDER_VERSION);
+        return 0;
+    }
+    const int processes = ProcessesFor(options);
+    if (processes > 1)
+        return RenderSideBySide(options, processes);
+    return RenderProcess(options);
 }

@@ -210,6 +210,16 @@ bool ParseRenderArgs(int argc, const char* const* argv, RenderOptions& options, 
         } else if (name == "-o" || name == "--output-dir") {
             if (!value(options.output_dir))
                 return false;
+        } else if (name == "-j" || name == "--jobs") {
+            if (!value(text))
+                return false;
+            char* end = nullptr;
+            const long jobs = std::strtol(text.c_str(), &end, 10);
+            if (text.empty() || *end != '\0' || jobs < 1 || jobs > kMaxJobs) {
+                error = name + ": give a number of processes from 1 to " + std::to_string(kMaxJobs);
+                return false;
+            }
+            options.jobs = static_cast<int>(jobs);
         } else if (name == "--report") {
             if (!value(options.report))
                 return false;
@@ -365,6 +375,9 @@ const char* RenderUsage()
         "  -o DIR                 one output file per input, in DIR\n"
         "  --two-channel          keep only L and R (for the headphone and encode modes)\n"
         "  --reset-between        press Stop and Play between the files of the play-list\n"
+        "  -j N                   with -o DIR and --reset-between, N processes render the\n"
+        "                         files side by side (default: one per core); files that\n"
+        "                         carry into each other are always rendered in turn\n"
         "  --report FILE.svg      draw the input and output levels over time\n"
         "  -q                     no progress bar\n"
         "  --plugin PATH          the processor to load (default: $KELVANE_PLUGIN, else\n"

@@ -26,9 +26,13 @@ struct RenderOptions {
     std::string demo_dir;                    // --demo DIR, or empty
     std::string plugin;                      // --plugin PATH: the processor, or empty to search
     std::string out_wav;                     // --out-wav PATH: the writer, or empty to search
+    int jobs;                                // -j N: processes side by side, 0 for one per core
     bool help;
     bool version;
 };
+
+// The most processes that -j takes.
+constexpr int kMaxJobs = 256;
 
 // Parses argv[1..]. False with a one-line `error` for anything it cannot use.
 bool ParseRenderArgs(int argc, const char* const* argv, RenderOptions& options, std::string& error);

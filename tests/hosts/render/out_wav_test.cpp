@@ -120,6 +120,35 @@ TEST_F(WriterFixture, SixChannelsOfSixteenBitsReadBackExactlyWithFiveOneMask)
     EXPECT_EQ(ReadWholeFile(file).size(), 68u + bytes.size());
 }
 
+TEST_F(WriterFixture, OutChannelsKeepsTheFirstChannelsOfEveryFrame)
+{
+    const std::string file = output.File("two.wav");
+    mkdir(config.File("Morrowfen").c_str(), 0755);
+    std::ofstream(config.File("Morrowfen/OutWav.reg"), std::ios::binary)
+        << "Windows Registry Editor Version 5.00\n\n"
+           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\OutWav]\n"
+           "\"Out_File\"=\"" << file << "\"\n\"Out_Channels\"=dword:00000002\n";
+    ASSERT_GE(module->Open(44100, 6, 16, 2000, 500), 0);
+    const std::vector<int32_t> samples = Noise16(6 * 1000, 32767, 6);
+    const std::vector<uint8_t> bytes = Sixteen(samples);
+    const std::vector<uint8_t> first(bytes.begin(), bytes.begin() + 1200);
+    const std::vector<uint8_t> rest(bytes.begin() + 1200, bytes.end());
+    EXPECT_EQ(Write(first), 0);
+    EXPECT_EQ(Write(rest), 0);
+    EXPECT_EQ(module->GetWrittenTime(), 22);  // 1000 frames at 44100 Hz
+    module->Close();
+
+    std::vector<int32_t> expected;
+    for (size_t i = 0; i < samples.size(); i += 6) {
+        expected.push_back(samples[i]);
+        expected.push_back(samples[i + 1]);
+    }
+    const TestAudio audio = ReadTestAudio(file);
+    EXPECT_EQ(audio.channels, 2);
+    EXPECT_EQ(audio.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+    EXPECT_EQ(audio.samples, expected);
+}
+
 TEST_F(WriterFixture, TwentyFourAndThirtyTwoBitStreamsKeepTheirWords)
 {
     for (int bits : {24, 32}) {

@@ -714,3 +714,84 @@ TEST_F(RenderFixture, ProgressShowsOnATerminalUnlessQuiet)
     quiet.insert(quiet.end(), {"-q", in, work.File("quiet.wav")});
     EXPECT_EQ(RenderOnTerminal(quiet, Environment()), "");
 }
+
+TEST_F(RenderFixture, PlannerWisdomIsCachedAndTheSecondRunGivesTheSameOutput)
+{
+    TempFolder cache;
+    std::vector<std::pair<std::string, std::string>> env = Environment();
+    env.back().second = cache.path;  // XDG_CACHE_HOME
+    const std::string in = Input("in.wav", StereoNoise(20000, 31));
+    auto render = [&](const std::string& out) {
+        return RunProgram({RenderPath(), "--plugin", PluginPath(), "--out-wav", OutWavPath(), "-q", "--mode",
+                           "headphone", in, work.File(out)},
+                          env);
+    };
+    ASSERT_EQ(render("first.wav").status, 0);
+    const std::string wisdom = ReadWholeFile(cache.File("kelvane/fftw-wisdom"));
+    EXPECT_EQ(wisdom.rfind("kelvane fftw-wisdom fftw-", 0), 0u) << wisdom.substr(0, 80);
+    EXPECT_NE(wisdom.find("fftwf_wisdom"), std::string::npos);
+
+    ASSERT_EQ(render("second.wav").status, 0);
+    // The plans of the first run, so the same output to the last bit.
+    EXPECT_EQ(ReadWholeFile(work.File("second.wav")), ReadWholeFile(work.File("first.wav")));
+    EXPECT_EQ(ReadWholeFile(cache.File("kelvane/fftw-wisdom")), wisdom);
+    EXPECT_EQ(FolderEntries(cache.File("kelvane")), std::vector<std::string>{"fftw-wisdom"});
+}
+
+TEST_F(RenderFixture, WisdomOfAnotherBuildOrAnUnreadableCacheIsPassedOver)
+{
+    TempFolder cache;
+    std::vector<std::pair<std::string, std::string>> env = Environment();
+    env.back().second = cache.path;  // XDG_CACHE_HOME
+    const TestAudio input = StereoNoise(4000, 32);
+    const std::string in = Input("in.wav", input);
+    const std::vector<int32_t> expected = DriveDirectly(input, ModeValues(3)).samples;
+    auto render = [&](const std::string& out) {
+        return RunProgram({RenderPath(), "--plugin", PluginPath(), "--out-wav", OutWavPath(), "-q", "--mode", "asr",
+                           in, work.File(out)},
+                          env);
+    };
+
+    mkdir(cache.File("kelvane").c_str(), 0755);
+    std::ofstream(cache.File("kelvane/fftw-wisdom"), std::ios::binary)
+        << "kelvane fftw-wisdom fftw-0.0.1 elsewhere\n(fftw-0.0.1 fftwf_wisdom #x0 #x0 #x0 #x0\n)\n";
+    ASSERT_EQ(render("other.wav").status, 0);
+    EXPECT_EQ(ReadTestAudio(work.File("other.wav")).samples, expected);
+    // Replaced by what this build's planner learned.
+    EXPECT_EQ(ReadWholeFile(cache.File("kelvane/fftw-wisdom")).find("fftw-0.0.1"), std::string::npos);
+
+    // A folder where the file should be: nothing to read, nothing written.
+    std::remove(cache.File("kelvane/fftw-wisdom").c_str());
+    mkdir(cache.File("kelvane/fftw-wisdom").c_str(), 0755);
+    ASSERT_EQ(render("folder.wav").status, 0);
+    EXPECT_EQ(ReadTestAudio(work.File("folder.wav")).samples, expected);
+    EXPECT_EQ(FolderEntries(cache.File("kelvane")), std::vector<std::string>{"fftw-wisdom"});
+}
+
+TEST_F(RenderFixture, FilesRenderedSideBySideAfterResetsEqualOnePlayList)
+{
+    const std::string a = Input("a.wav", StereoNoise(9000, 33));
+    const std::string b = Input("b.wav", StereoNoise(13001, 34));
+    const std::string c = Input("c.wav", StereoNoise(700, 35));
+    for (const std::string mode : {"asr", "headphone"}) {
+        const std::string one = work.File(std::string("one-") + mode);
+        const std::string three = work.File(std::string("three-") + mode);
+        ASSERT_EQ(Render({"-q", "--mode", mode, "--reset-between", "-j", "1", "-o", one, a, b, c}).status, 0);
+        const ProcessResult side = Render({"-q", "--mode", mode, "--reset-between", "-j", "3", "-o", three, a, b, c});
+        ASSERT_EQ(side.status, 0) << side.err;
+        for (const std::string name : {"a.wav", "b.wav", "c.wav"})
+            EXPECT_EQ(ReadWholeFile(three + "/" + name), ReadWholeFile(one + "/" + name)) << mode << " " << name;
+        // Each file's summary, from whichever process rendered it.
+        for (const std::string name : {"a.wav", "b.wav", "c.wav"})
+            EXPECT_NE(side.out.find(three + "/" + name + ":"), std::string::npos) << side.out;
+    }
+}
+
+TEST_F(RenderFixture, JobsTakeAWholeNumberOfProcesses)
+{
+    for (const std::string bad : {"0", "x", "-2", "257"}) {
+        const ProcessResult result = Render({"-j", bad, "-o", work.path, "in.wav"});
+        EXPECT_EQ(result.status, 2) << bad;
+        EXPECT_NE(result.err.find("-j"), std::string::npos) << result.err;
+    }
+}
