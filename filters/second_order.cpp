@@ -57,6 +57,39 @@ SectionCoefficients LowPassCoefficients(float cutoff, int32_t sampleRate)
 
 namespace {
 
+// Four sections in the four lanes of one vector: every lane keeps its own
+// memory and the scalar order of operations.
+typedef float Floats __attribute__((vector_size(16)));
+struct LaneMemory {
+    Floats x1, x2, y1, y2;
+};
+
+template <bool HighPass>
+void RunFourLanes(const SectionLane (&lanes)[4], int32_t stride, const SectionCoefficients& k, uint32_t frames)
+{
+    LaneMemory m;
+    for (int j = 0; j < 4; ++j) {
+        m.x1[j] = lanes[j].state->x1;
+        m.x2[j] = lanes[j].state->x2;
+        m.y1[j] = lanes[j].state->y1;
+        m.y2[j] = lanes[j].state->y2;
+    }
+    float* p0 = lanes[0].samples;
+    float* p1 = lanes[1].samples;
+    float* p2 = lanes[2].samples;
+    float* p3 = lanes[3].samples;
+    for (uint32_t i = 0; i < frames; ++i, p0 += stride, p1 += stride, p2 += stride, p3 += stride) {
+        const Floats x = {*p0, *p1, *p2, *p3};
+        const Floats y = HighPass ? HighPassStep(k, m, x) : LowPassStep(k, m, x);
+        *p0 = y[0];
+        *p1 = y[1];
+        *p2 = y[2];
+        *p3 = y[3];
+    }
+    for (int j = 0; j < 4; ++j)
+        *lanes[j].state = FilterState{m.x1[j], m.x2[j], m.y1[j], m.y2[j]};
+}
+
 template <int N, float (*Step)(const SectionCoefficients&, FilterState&, float)>
 void RunLanes(const SectionLane (&lanes)[N], int32_t stride, const SectionCoefficients& k, uint32_t frames)
 {
@@ -83,13 +116,17 @@ void RunLanes(const SectionLane (&lanes)[N], int32_t stride, const SectionCoeffi
 template <int N>
 void HighPass2Lanes(const SectionLane (&lanes)[N], int32_t stride, float cutoff, const ProcessorBlock& block)
 {
-    RunLanes<N, HighPassStep>(lanes, stride, HighPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
+    RunLanes<N, HighPassStep<float, FilterState>>(lanes, stride, HighPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
 }
 
 template <int N>
 void LowPass2Lanes(const SectionLane (&lanes)[N], int32_t stride, float cutoff, const ProcessorBlock& block)
 {
-    RunLanes<N, LowPassStep>(lanes, stride, LowPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
+    const SectionCoefficients k = LowPassCoefficients(cutoff, block.Sample_Rate);
+    if constexpr (N == 4)
+        RunFourLanes<false>(lanes, stride, k, block.Frames);
+    else
+        RunLanes<N, LowPassStep<float, FilterState>>(lanes, stride, k, block.Frames);
 }
 
 template void HighPass2Lanes<2>(const SectionLane (&)[2], int32_t, float, const ProcessorBlock&);
@@ -100,14 +137,14 @@ void HighPass2(FilterState& state, float* base, uint32_t first, float cutoff, in
                const ProcessorBlock& block)
 {
     const SectionLane lane[1] = {{&state, base + first}};
-    RunLanes<1, HighPassStep>(lane, stride, HighPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
+    RunLanes<1, HighPassStep<float, FilterState>>(lane, stride, HighPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
 }
 
 void LowPass2(FilterState& state, float* base, uint32_t first, float cutoff, int32_t stride,
               const ProcessorBlock& block)
 {
     const SectionLane lane[1] = {{&state, base + first}};
-    RunLanes<1, LowPassStep>(lane, stride, LowPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
+    RunLanes<1, LowPassStep<float, FilterState>>(lane, stride, LowPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
 }
 
 template <int N>

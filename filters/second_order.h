@@ -33,14 +33,17 @@ struct SectionCoefficients {
 SectionCoefficients HighPassCoefficients(float cutoff, int32_t sampleRate);
 SectionCoefficients LowPassCoefficients(float cutoff, int32_t sampleRate);
 
-// One sample of each recursion, in the order above; moves the memory.
-inline float HighPassStep(const SectionCoefficients& k, FilterState& m, float x)
+// One sample of each recursion, in the order above; moves the memory. T is
+// a float, or a vector of floats for sections side by side, each lane with
+// its own memory; Memory has the fields of FilterState in T.
+template <class T, class Memory>
+inline T HighPassStep(const SectionCoefficients& k, Memory& m, T x)
 {
-    float t = m.x2 - m.x1 * 2.0f;
+    T t = m.x2 - m.x1 * 2.0f;
     t = t + x;
     t = t * k.a;
     t = t - m.y1 * k.B1;
-    const float y = t - m.y2 * k.B2;
+    const T y = t - m.y2 * k.B2;
     m.x2 = m.x1;
     m.y2 = m.y1;
     m.x1 = x;
@@ -48,13 +51,14 @@ inline float HighPassStep(const SectionCoefficients& k, FilterState& m, float x)
     return y;
 }
 
-inline float LowPassStep(const SectionCoefficients& k, FilterState& m, float x)
+template <class T, class Memory>
+inline T LowPassStep(const SectionCoefficients& k, Memory& m, T x)
 {
-    float t = m.x1 * 2.0f + x;
+    T t = m.x1 * 2.0f + x;
     t = t + m.x2;
     t = t * k.a;
     t = t - m.y1 * k.B1;
-    const float y = t - m.y2 * k.B2;
+    const T y = t - m.y2 * k.B2;
     m.x2 = m.x1;
     m.y2 = m.y1;
     m.x1 = x;

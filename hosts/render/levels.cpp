@@ -75,7 +75,49 @@ void AddRunOf(ChannelLevels& levels, const double* samples, size_t run, double* 
         AddRun<Channels, false>(levels, samples, run, window);
 }
 
+// The 16-bit words of `Channels` channels straight from the bytes.
+template <size_t Channels>
+void AddWords16(ChannelLevels& levels, const uint8_t* words, size_t frames)
+{
+    double peak[Channels], sum[Channels];
+    for (size_t c = 0; c < Channels; ++c) {
+        peak[c] = levels.peak[c];
+        sum[c] = levels.sum_square[c];
+    }
+    for (size_t i = 0; i < frames; ++i, words += 2 * Channels)
+        for (size_t c = 0; c < Channels; ++c) {
+            const double x = static_cast<int16_t>(words[2 * c] | words[2 * c + 1] << 8) / 32768.0;
+            const double square = x * x;
+            if (std::fabs(x) > peak[c])
+                peak[c] = std::fabs(x);
+            sum[c] += square;
+        }
+    for (size_t c = 0; c < Channels; ++c) {
+        levels.peak[c] = peak[c];
+        levels.sum_square[c] = sum[c];
+    }
+    levels.frames += frames;
+}
+
 }  // namespace
+
+void AddLevelFrames16(ChannelLevels& levels, const uint8_t* words, size_t frames)
+{
+    switch (levels.channels) {
+    case 2: AddWords16<2>(levels, words, frames); break;
+    case 6: AddWords16<6>(levels, words, frames); break;
+    default: {
+        const size_t channels = static_cast<size_t>(levels.channels);
+        std::vector<double> frame(channels);
+        for (size_t i = 0; i < frames; ++i, words += 2 * channels) {
+            for (size_t c = 0; c < channels; ++c)
+                frame[c] = static_cast<int16_t>(words[2 * c] | words[2 * c + 1] << 8) / 32768.0;
+            AddLevelFrame(levels, frame.data());
+        }
+        break;
+    }
+    }
+}
 
 void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames)
 {

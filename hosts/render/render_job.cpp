@@ -250,6 +250,10 @@ void SampleValues(const uint8_t* p, size_t count, double* out)
 void MeasureFrames(const uint8_t* bytes, size_t frames, int bits, int channels, std::vector<double>& values,
                    ChannelLevels& file_levels, ChannelLevels* stream_levels)
 {
+    if (bits == 16 && stream_levels == nullptr && file_levels.window_frames == 0) {
+        AddLevelFrames16(file_levels, bytes, frames);
+        return;
+    }
     const size_t count = frames * static_cast<size_t>(channels);
     values.resize(count);
     switch (bits) {
