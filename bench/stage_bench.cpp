@@ -66,62 +66,51 @@ void BM_SteeringDetect(benchmark::State& state)
     CountFrames(state, uint64_t(state.iterations()) * kWriteFrames);
 }
 
-void BM_SteeredMatrixDecode(benchmark::State& state)
+// A stage on fresh frames in every run, with its own state.
+template <class Stage>
+void TimeStage(benchmark::State& state, int32_t mode, int32_t channels, uint32_t frames, Stage stage)
 {
-    StageRun run(int32_t(state.range(0)), kWriteFrames, 2);
-    SteeringState steering;
-    SurroundTailState tail;
+    StageRun run(mode, frames, channels);
     for (auto _ : state) {
-        SteeredMatrixDecode(steering, tail, run.Refill());
+        stage(run.Refill());
         benchmark::DoNotOptimize(run.frames.data);
     }
-    CountFrames(state, uint64_t(state.iterations()) * kWriteFrames);
+    CountFrames(state, uint64_t(state.iterations()) * frames);
+}
+
+void BM_SteeredMatrixDecode(benchmark::State& state)
+{
+    SteeringState steering;
+    SurroundTailState tail;
+    TimeStage(state, int32_t(state.range(0)), 2, kWriteFrames,
+              [&](ProcessorBlock& block) { SteeredMatrixDecode(steering, tail, block); });
 }
 
 void BM_FixedMatrixDecode(benchmark::State& state)
 {
-    StageRun run(1, kWriteFrames, 2);
     SurroundTailState tail;
-    for (auto _ : state) {
-        FixedMatrixDecode(tail, run.Refill());
-        benchmark::DoNotOptimize(run.frames.data);
-    }
-    CountFrames(state, uint64_t(state.iterations()) * kWriteFrames);
+    TimeStage(state, 1, 2, kWriteFrames, [&](ProcessorBlock& block) { FixedMatrixDecode(tail, block); });
 }
 
 void BM_SurroundTail(benchmark::State& state)
 {
-    StageRun run(3, kWriteFrames, 2);
     SurroundTailState tail;
-    for (auto _ : state) {
-        SurroundTail(tail, run.Refill());
-        benchmark::DoNotOptimize(run.frames.data);
-    }
-    CountFrames(state, uint64_t(state.iterations()) * kWriteFrames);
+    TimeStage(state, 3, 2, kWriteFrames, [&](ProcessorBlock& block) { SurroundTail(tail, block); });
 }
 
 void BM_BassRedirect(benchmark::State& state)
 {
-    StageRun run(3, kWriteFrames, 2);
     BassRedirectState bass;
-    for (auto _ : state) {
-        BassRedirect(bass, run.Refill());
-        benchmark::DoNotOptimize(run.frames.data);
-    }
-    CountFrames(state, uint64_t(state.iterations()) * kWriteFrames);
+    TimeStage(state, 3, 2, kWriteFrames, [&](ProcessorBlock& block) { BassRedirect(bass, block); });
 }
 
 void BM_Encode(benchmark::State& state)
 {
-    StageRun run(5, kWriteFrames, 6);
     MatrixEncoderState encoder;
-    for (auto _ : state) {
-        ProcessorBlock& block = run.Refill();
+    TimeStage(state, 5, 6, kWriteFrames, [&](ProcessorBlock& block) {
         DownmixSix(block);
         EncodeMix(encoder, block);
-        benchmark::DoNotOptimize(run.frames.data);
-    }
-    CountFrames(state, uint64_t(state.iterations()) * kWriteFrames);
+    });
 }
 
 // One whole block through the convolver: collection, five forward and ten
@@ -129,68 +118,54 @@ void BM_Encode(benchmark::State& state)
 void BM_ConvolveHeadphoneBlock(benchmark::State& state)
 {
     Engine engine;
-    StageRun run(4, kBlockFrames, 6);
-    for (auto _ : state) {
-        ConvolveHeadphone(engine.Headphone, run.Refill());
-        benchmark::DoNotOptimize(run.frames.data);
-    }
-    CountFrames(state, uint64_t(state.iterations()) * kBlockFrames);
+    TimeStage(state, 4, 6, kBlockFrames, [&](ProcessorBlock& block) { ConvolveHeadphone(engine.Headphone, block); });
 }
 
-// Arguments from the ranges that occur: quotients between 0.1 and 10, and
-// exponents between -2.2 and 0.
-std::vector<double> Arguments(double low, double high)
+// A function over arguments from a range that occurs: the detector's
+// quotients lie between 0.1 and 10, the decoder's exponents between -2.2
+// and 0.
+template <class Function>
+void TimeArray(benchmark::State& state, double low, double high, Function function)
 {
     std::vector<double> x(4 * kWriteFrames);
     for (size_t i = 0; i < x.size(); ++i)
         x[i] = low + (high - low) * double((i * 2654435761u) % 1000003u) / 1000003.0;
-    return x;
+    std::vector<float> out(x.size());
+    for (auto _ : state) {
+        function(x, out);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetItemsProcessed(int64_t(state.iterations() * x.size()));
 }
 
 void BM_LogToFloat(benchmark::State& state)
 {
-    const std::vector<double> x = Arguments(0.1, 10.0);
-    std::vector<float> out(x.size());
-    for (auto _ : state) {
+    TimeArray(state, 0.1, 10.0, [](const std::vector<double>& x, std::vector<float>& out) {
         LogToFloat(x.data(), out.data(), uint32_t(x.size()));
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(int64_t(state.iterations() * x.size()));
+    });
 }
 
 void BM_LibraryLog(benchmark::State& state)
 {
-    const std::vector<double> x = Arguments(0.1, 10.0);
-    std::vector<float> out(x.size());
-    for (auto _ : state) {
+    TimeArray(state, 0.1, 10.0, [](const std::vector<double>& x, std::vector<float>& out) {
         for (size_t i = 0; i < x.size(); ++i)
             out[i] = float(std::log(x[i]));
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(int64_t(state.iterations() * x.size()));
+    });
 }
 
 void BM_ExpToFloat(benchmark::State& state)
 {
-    const std::vector<double> x = Arguments(-2.2, 0.0);
-    std::vector<float> out(x.size());
-    for (auto _ : state) {
+    TimeArray(state, -2.2, 0.0, [](const std::vector<double>& x, std::vector<float>& out) {
         ExpToFloat(x.data(), out.data(), uint32_t(x.size()));
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(int64_t(state.iterations() * x.size()));
+    });
 }
 
 void BM_LibraryExp(benchmark::State& state)
 {
-    const std::vector<double> x = Arguments(-2.2, 0.0);
-    std::vector<float> out(x.size());
-    for (auto _ : state) {
+    TimeArray(state, -2.2, 0.0, [](const std::vector<double>& x, std::vector<float>& out) {
         for (size_t i = 0; i < x.size(); ++i)
             out[i] = float(std::exp(x[i]));
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(int64_t(state.iterations() * x.size()));
+    });
 }
 
 }  // namespace

@@ -33,14 +33,13 @@ struct SectionCoefficients {
 SectionCoefficients HighPassCoefficients(float cutoff, int32_t sampleRate);
 SectionCoefficients LowPassCoefficients(float cutoff, int32_t sampleRate);
 
-// One sample of each recursion, in the order above; moves the memory. T is
-// a float, or a vector of floats for sections side by side, each lane with
-// its own memory; Memory has the fields of FilterState in T.
+// The part both recursions share, from the sum of the inputs t on: times
+// a, less B1 y1, less B2 y2; then the memory moves. T is a float, or a
+// vector of floats for sections side by side, each lane with its own memory;
+// Memory has the fields of FilterState in T.
 template <class T, class Memory>
-inline T HighPassStep(const SectionCoefficients& k, Memory& m, T x)
+inline T Feedback(const SectionCoefficients& k, Memory& m, T t, T x)
 {
-    T t = m.x2 - m.x1 * 2.0f;
-    t = t + x;
     t = t * k.a;
     t = t - m.y1 * k.B1;
     const T y = t - m.y2 * k.B2;
@@ -51,19 +50,21 @@ inline T HighPassStep(const SectionCoefficients& k, Memory& m, T x)
     return y;
 }
 
+// One sample of each recursion, in the order above; moves the memory.
+template <class T, class Memory>
+inline T HighPassStep(const SectionCoefficients& k, Memory& m, T x)
+{
+    T t = m.x2 - m.x1 * 2.0f;
+    t = t + x;
+    return Feedback(k, m, t, x);
+}
+
 template <class T, class Memory>
 inline T LowPassStep(const SectionCoefficients& k, Memory& m, T x)
 {
     T t = m.x1 * 2.0f + x;
     t = t + m.x2;
-    t = t * k.a;
-    t = t - m.y1 * k.B1;
-    const T y = t - m.y2 * k.B2;
-    m.x2 = m.x1;
-    m.y2 = m.y1;
-    m.x1 = x;
-    m.y1 = y;
-    return y;
+    return Feedback(k, m, t, x);
 }
 
 // Both process exactly block.Frames samples at base[first], base[first +

@@ -16,23 +16,7 @@ void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames)
 
 void AddLevelFrame(ChannelLevels& levels, const double* samples)
 {
-    const size_t channels = static_cast<size_t>(levels.channels);
-    double* window = nullptr;
-    if (levels.window_frames != 0) {
-        if (levels.frames % levels.window_frames == 0)
-            levels.window_square.resize(levels.window_square.size() + channels, 0.0);
-        window = &levels.window_square[levels.window_square.size() - channels];
-    }
-    for (size_t c = 0; c < channels; ++c) {
-        const double x = samples[c];
-        const double square = x * x;
-        if (std::fabs(x) > levels.peak[c])
-            levels.peak[c] = std::fabs(x);
-        levels.sum_square[c] += square;
-        if (window != nullptr)
-            window[c] += square;
-    }
-    ++levels.frames;
+    AddLevelFrames(levels, samples, 1);
 }
 
 namespace {
@@ -141,6 +125,7 @@ void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames)
         case 2: AddRunOf<2>(levels, first, run, window); break;
         case 6: AddRunOf<6>(levels, first, run, window); break;
         default:
+            // Any other count, channel by channel.
             for (size_t c = 0; c < channels; ++c)
                 for (size_t i = 0; i < run; ++i) {
                     const double x = first[i * channels + c];
