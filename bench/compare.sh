@@ -45,13 +45,18 @@ sox -n -r 44100 -c 2 -b 16 "$work/stereo1.wav" synth 1 pinknoise pinknoise vol 0
 # Fills the planner's wisdom cache.
 "$render" -q --mode asr "$work/stereo1.wav" "$work/warm.wav" >/dev/null
 
-# Seconds that a command takes, its output thrown away.
+# Seconds that a command takes, on the clock and on the processors (user
+# and system time together), its output thrown away. Run in a subshell of
+# its own, whose children's times start at zero.
 seconds() {
     local start end
     start=$EPOCHREALTIME
     "$@" >/dev/null 2>&1 || { echo "compare.sh: failed: $*" >&2; exit 1; }
     end=$EPOCHREALTIME
-    awk -v a="$start" -v b="$end" 'BEGIN { printf "%.4f\n", b - a }'
+    times | tail -n 1 | awk -v a="$start" -v b="$end" '{
+        cpu = 0
+        for (i = 1; i <= 2; ++i) { split($i, p, "m"); sub("s", "", p[2]); cpu += p[1] * 60 + p[2] }
+        printf "%.4f %.4f\n", b - a, cpu }'
 }
 
 # awk's arithmetic on two numbers: calc A OP B.
@@ -63,7 +68,6 @@ median() {
     printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
-ours=() theirs=()
 # compare LABEL TARGET-RATIO -- OUR COMMAND... -- THEIR COMMAND...
 rows=()
 compare() {
@@ -72,17 +76,19 @@ compare() {
     while [[ $1 != -- ]]; do ours_cmd+=("$1"); shift; done
     shift
     theirs_cmd=("$@")
-    local a=() b=()
+    local a=() b=() ca=() cb=() t
     for ((i = 0; i < pairs; ++i)); do
-        a+=("$(seconds "${ours_cmd[@]}")")
-        b+=("$(seconds "${theirs_cmd[@]}")")
+        t=$(seconds "${ours_cmd[@]}"); a+=("${t% *}"); ca+=("${t#* }")
+        t=$(seconds "${theirs_cmd[@]}"); b+=("${t% *}"); cb+=("${t#* }")
     done
-    local ma mb ratio verdict
-    ma=$(median "${a[@]}")
-    mb=$(median "${b[@]}")
+    local ma mb mca mcb ratio cpu_ratio verdict
+    ma=$(median "${a[@]}"); mb=$(median "${b[@]}")
+    mca=$(median "${ca[@]}"); mcb=$(median "${cb[@]}")
     ratio=$(calc "$mb" / "$ma")
+    cpu_ratio=$(calc "$mcb" / "$mca")
     verdict=$(calc "$ratio" ">=" "$target")
-    rows+=("$(printf '| %s | %.3f s | %.3f s | %.2f | %s %s |' "$label" "$ma" "$mb" "$ratio" "$( ((verdict)) && echo met || echo 'NOT met')" "(>= $target)")")
+    rows+=("$(printf '| %s | %.3f s | %.3f s | %.2f | %.3f s | %.3f s | %.2f | %s %s |' "$label" "$ma" "$mb" "$ratio" \
+        "$mca" "$mcb" "$cpu_ratio" "$( ((verdict)) && echo met || echo 'NOT met')" "(>= $target)")")
 }
 
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -100,20 +106,23 @@ compare "120 s six-channel, mode 5 \`--two-channel\` vs \`aresample=matrix_encod
 compare "600 s stereo, mode 0 \`--two-channel\` vs \`sox in.wav out.wav\`" 1 -- \
     "$render" -q --mode bypass --two-channel "$work/stereo600.wav" "$work/o0.wav" -- \
     sox "$work/stereo600.wav" "$work/s0.wav"
-short=()
+short=() short_cpu=()
 for ((i = 0; i < pairs; ++i)); do
-    short+=("$(seconds "$render" -q --mode asr "$work/stereo1.wav" "$work/o1.wav")")
+    t=$(seconds "$render" -q --mode asr "$work/stereo1.wav" "$work/o1.wav")
+    short+=("${t% *}"); short_cpu+=("${t#* }")
 done
 short_median=$(median "${short[@]}")
+short_cpu_median=$(median "${short_cpu[@]}")
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
 cpu=$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ *//')
 echo
 echo "$(date -u +%Y-%m-%d), $cpu, $(nproc) cores; load average $load_before before, $load_after after;" \
-     "medians of $pairs runs each, ours and theirs alternating, wisdom cached."
+     "medians of $pairs runs each, ours and theirs alternating, wisdom cached. Wall clock, and" \
+     "processor time (user + system) of the whole process; the targets are on the wall clock."
 echo
-echo "| job | kelvane-render | theirs | ratio (ours faster when > 1) | target |"
-echo "|---|---|---|---|---|"
+echo "| job | ours | theirs | ratio | ours, processor | theirs, processor | ratio | target |"
+echo "|---|---|---|---|---|---|---|---|"
 printf '%s\n' "${rows[@]}"
-printf '| 1 s stereo, mode 3, wisdom cached | %.3f s | | | %s (< 0.15 s) |\n' "$short_median" \
+printf '| 1 s stereo, mode 3 | %.3f s | | | %.3f s | | | %s (< 0.15 s) |\n' "$short_median" "$short_cpu_median" \
     "$( (( $(calc "$short_median" "<" 0.15) )) && echo met || echo 'NOT met')"

@@ -228,7 +228,7 @@ SteeredRows MakeSteeredRows(const SteeringTerms& e)
     return RowsOf(e);
 }
 
-void SteeredMatrixDecode(SteeringState& steering, SurroundTailState& tail, ProcessorBlock& block)
+KELVANE_VECTOR_CLONES void SteeredMatrixDecode(SteeringState& steering, SurroundTailState& tail, ProcessorBlock& block)
 {
     const uint32_t frames = block.Frames;
     steering.HighBand.Resize(2 * frames, false);

@@ -160,7 +160,7 @@ void SteeringDetect(const ProcessorBlock& block, const float* band, FilterState&
     LowPass2Lanes(lanes, 1, kSteeringSmoother, block);
 }
 
-void SteeringDetectBands(SteeringState& steering, const ProcessorBlock& block)
+KELVANE_VECTOR_CLONES void SteeringDetectBands(SteeringState& steering, const ProcessorBlock& block)
 {
     DetectRaw(steering.HighBand.data, steering.SteerHighLR.data, steering.SteerHighCS.data, block.Frames);
     DetectRaw(steering.LowBand.data, steering.SteerLowLR.data, steering.SteerLowCS.data, block.Frames);

@@ -18,15 +18,6 @@
 // calling convention of wide vectors does not matter here.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
-// Where the loader can pick a function by processor (ELF's indirect
-// functions), the lanes are built again for the wider vector units too; the
-// operations and so the doubles are the same in every build.
-#if defined(__ELF__) && defined(__x86_64__)
-#define KELVANE_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
-#else
-#define KELVANE_VECTOR_CLONES
-#endif
-
 namespace {
 
 constexpr int kLanes = 8;

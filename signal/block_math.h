@@ -15,6 +15,16 @@
 
 #include <cstdint>
 
+// Where the loader can pick a function by processor (ELF's indirect
+// functions), a function so marked is built again for the wider vector
+// units too. Only plain IEEE operations are ever used, none contracted, so
+// every build gives the same results.
+#if defined(__ELF__) && defined(__x86_64__)
+#define KELVANE_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#else
+#define KELVANE_VECTOR_CLONES
+#endif
+
 // Distance from a rounding boundary, in units in the last place of the double
 // result, inside which the library is asked instead. Far above the error of
 // both evaluations, and still only about one result in a quarter million.

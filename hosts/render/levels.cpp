@@ -1,6 +1,7 @@
 // Peak and RMS levels per channel.
 #include "hosts/render/levels.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -59,25 +60,28 @@ void AddRunOf(ChannelLevels& levels, const double* samples, size_t run, double* 
         AddRun<Channels, false>(levels, samples, run, window);
 }
 
-// The 16-bit words of `Channels` channels straight from the bytes.
+// The 16-bit words of `Channels` channels straight from the bytes. With x =
+// w / 32768 the square x x is w w / 2^30 exactly, and the largest |x| is the
+// largest |w| / 32768, so the sums and peaks are those of AddLevelFrame to
+// the last bit, with the work in whole numbers where it can be.
 template <size_t Channels>
 void AddWords16(ChannelLevels& levels, const uint8_t* words, size_t frames)
 {
-    double peak[Channels], sum[Channels];
+    constexpr double kSquareScale = 1.0 / 1073741824.0;  // 2^-30
+    double sum[Channels];
+    int32_t largest[Channels];
     for (size_t c = 0; c < Channels; ++c) {
-        peak[c] = levels.peak[c];
         sum[c] = levels.sum_square[c];
+        largest[c] = 0;
     }
     for (size_t i = 0; i < frames; ++i, words += 2 * Channels)
         for (size_t c = 0; c < Channels; ++c) {
-            const double x = static_cast<int16_t>(words[2 * c] | words[2 * c + 1] << 8) / 32768.0;
-            const double square = x * x;
-            if (std::fabs(x) > peak[c])
-                peak[c] = std::fabs(x);
-            sum[c] += square;
+            const int32_t w = static_cast<int16_t>(words[2 * c] | words[2 * c + 1] << 8);
+            sum[c] += static_cast<double>(w * w) * kSquareScale;
+            largest[c] = std::max(largest[c], w < 0 ? -w : w);
         }
     for (size_t c = 0; c < Channels; ++c) {
-        levels.peak[c] = peak[c];
+        levels.peak[c] = std::max(levels.peak[c], largest[c] / 32768.0);
         levels.sum_square[c] = sum[c];
     }
     levels.frames += frames;
