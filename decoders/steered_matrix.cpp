@@ -9,6 +9,7 @@
 // two separate surround rows.
 #include "decoders/steered_matrix.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
@@ -155,13 +156,15 @@ void DecodeLanes(const SteeringState& steering, const DecodeSettings& s, const f
     const Floats highExpY = Load(exps[1] + at, count, 1.0f);
     const Floats lowExpX = Load(exps[2] + at, count, 1.0f);
     const Floats lowExpY = Load(exps[3] + at, count, 1.0f);
-    Floats highL = {}, highR = {}, lowL = {}, lowR = {};
-    for (uint32_t j = 0; j < count; ++j) {
-        highL[j] = steering.HighBand.data[2 * (first + j)];
-        highR[j] = steering.HighBand.data[2 * (first + j) + 1];
-        lowL[j] = steering.LowBand.data[2 * (first + j)];
-        lowR[j] = steering.LowBand.data[2 * (first + j) + 1];
-    }
+    // The bands hold l and r interleaved.
+    const float* high = steering.HighBand.data + 2 * std::size_t(first);
+    const float* low = steering.LowBand.data + 2 * std::size_t(first);
+    const Floats high0 = Load(high, 2 * count, 0.0f), high1 = Load(high + kLanes, 2 * count - std::min(2 * count, kLanes), 0.0f);
+    const Floats low0 = Load(low, 2 * count, 0.0f), low1 = Load(low + kLanes, 2 * count - std::min(2 * count, kLanes), 0.0f);
+    const Floats highL = __builtin_shufflevector(high0, high1, 0, 2, 4, 6);
+    const Floats highR = __builtin_shufflevector(high0, high1, 1, 3, 5, 7);
+    const Floats lowL = __builtin_shufflevector(low0, low1, 0, 2, 4, 6);
+    const Floats lowR = __builtin_shufflevector(low0, low1, 1, 3, 5, 7);
 
     const BandValues h = BandRows(TermsOf(highX, highY, highExpX, highExpY), highL, highR);
     const BandValues b = BandRows(TermsOf(lowX, lowY, lowExpX, lowExpY), lowL, lowR);
@@ -197,15 +200,27 @@ void DecodeLanes(const SteeringState& steering, const DecodeSettings& s, const f
     const Floats outC = Co * s.switchC;
     const Floats outSL = SLo * s.switchSL;
     const Floats outSR = SRo * s.switchSR;
+    // Four frames of six slots, L R C LFE SL SR each, are six vectors.
+    const Floats zero = {0.0f, 0.0f, 0.0f, 0.0f};
+    const Floats fronts01 = __builtin_shufflevector(outL, outR, 0, 4, 1, 5);
+    const Floats fronts23 = __builtin_shufflevector(outL, outR, 2, 6, 3, 7);
+    const Floats centres01 = __builtin_shufflevector(outC, zero, 0, 4, 1, 5);
+    const Floats centres23 = __builtin_shufflevector(outC, zero, 2, 6, 3, 7);
+    const Floats surrounds01 = __builtin_shufflevector(outSL, outSR, 0, 4, 1, 5);
+    const Floats surrounds23 = __builtin_shufflevector(outSL, outSR, 2, 6, 3, 7);
+    const Floats rows[6] = {
+        __builtin_shufflevector(fronts01, centres01, 0, 1, 4, 5),
+        __builtin_shufflevector(surrounds01, fronts01, 0, 1, 6, 7),
+        __builtin_shufflevector(centres01, surrounds01, 2, 3, 6, 7),
+        __builtin_shufflevector(fronts23, centres23, 0, 1, 4, 5),
+        __builtin_shufflevector(surrounds23, fronts23, 0, 1, 6, 7),
+        __builtin_shufflevector(centres23, surrounds23, 2, 3, 6, 7),
+    };
     float* f = frames + std::size_t(first) * kFrameFloats;
-    for (uint32_t j = 0; j < count; ++j, f += kFrameFloats) {
-        f[kSlotL] = outL[j];
-        f[kSlotR] = outR[j];
-        f[kSlotC] = outC[j];
-        f[kSlotLFE] = 0.0f;
-        f[kSlotSL] = outSL[j];
-        f[kSlotSR] = outSR[j];
-    }
+    if (count == kLanes)
+        std::memcpy(f, rows, sizeof rows);
+    else
+        std::memcpy(f, rows, count * kFrameFloats * sizeof(float));
 }
 
 }  // namespace
