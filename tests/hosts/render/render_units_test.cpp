@@ -398,6 +398,17 @@ TEST(Levels, RunsAndSixteenBitWordsGiveTheSumsOfFrameByFrame)
             AddLevelFrames(run, values.data() + 1234 * static_cast<size_t>(channels), 5000 - 1234);
             AddLevelFrames16(sixteen, bytes.data(), 2000);
             AddLevelFrames16(sixteen, bytes.data() + 2000 * 2 * static_cast<size_t>(channels), 3000);
+            // And from sums so large (2^23 full-scale squares and more) that
+            // adding a square rounds.
+            ChannelLevels loud{}, loud_plain{};
+            InitLevels(loud, channels, 0);
+            InitLevels(loud_plain, channels, 0);
+            loud.sum_square.assign(static_cast<size_t>(channels), 8388607.75);
+            loud_plain.sum_square = loud.sum_square;
+            AddLevelFrames16(loud, bytes.data(), 5000);
+            for (size_t i = 0; i < 5000; ++i)
+                AddLevelFrame(loud_plain, &values[i * static_cast<size_t>(channels)]);
+            EXPECT_EQ(loud.sum_square, loud_plain.sum_square) << channels;
             EXPECT_EQ(run.sum_square, one.sum_square) << channels;
             EXPECT_EQ(run.peak, one.peak) << channels;
             EXPECT_EQ(run.window_square, one.window_square) << channels;
