@@ -55,7 +55,6 @@ inline float SteerExp(float t)
 // Four frames side by side, in the vector unit; every lane follows the
 // operations of one frame in its order.
 typedef float Floats __attribute__((vector_size(16)));
-typedef int32_t Words __attribute__((vector_size(16)));
 constexpr uint32_t kLanes = 4;
 
 template <class T>
