@@ -53,7 +53,9 @@ seconds() {
     start=$EPOCHREALTIME
     "$@" >/dev/null 2>&1 || { echo "compare.sh: failed: $*" >&2; exit 1; }
     end=$EPOCHREALTIME
-    times | tail -n 1 | awk -v a="$start" -v b="$end" '{
+    # A builtin with a redirection runs in this shell, not in a pipe's.
+    times > "$work/times"
+    tail -n 1 "$work/times" | awk -v a="$start" -v b="$end" '{
         cpu = 0
         for (i = 1; i <= 2; ++i) { split($i, p, "m"); sub("s", "", p[2]); cpu += p[1] * 60 + p[2] }
         printf "%.4f %.4f\n", b - a, cpu }'
