@@ -7,6 +7,8 @@
 # runs ours and theirs alternately, PAIRS times each (at least 3), and prints
 # a Markdown table of the medians, the ratios and the targets. Our runs use
 # a planner wisdom cache of their own, filled by one untimed run first.
+# Before every timed run the earlier outputs are removed and the disk is
+# synced, so that no run pays for writing back another's files.
 #
 #   bench/compare.sh              # BUILD=build, PAIRS=3
 #   PAIRS=5 BUILD=out bench/compare.sh
@@ -61,6 +63,13 @@ seconds() {
         printf "%.4f %.4f\n", b - a, cpu }'
 }
 
+# Before each timed run: the earlier outputs removed and everything written
+# so far on the disk, so that no run pays for another's files.
+settle() {
+    rm -f "$work"/out-*.wav
+    sync
+}
+
 # awk's arithmetic on two numbers: calc A OP B.
 calc() {
     awk -v a="$1" -v b="$3" -v op="$2" 'BEGIN { if (op == "/") print a / b; else if (op == ">=") print (a >= b); else print (a < b) }'
@@ -80,7 +89,9 @@ compare() {
     theirs_cmd=("$@")
     local a=() b=() ca=() cb=() t
     for ((i = 0; i < pairs; ++i)); do
+        settle
         t=$(seconds "${ours_cmd[@]}"); a+=("${t% *}"); ca+=("${t#* }")
+        settle
         t=$(seconds "${theirs_cmd[@]}"); b+=("${t% *}"); cb+=("${t#* }")
     done
     local ma mb mca mcb ratio cpu_ratio verdict
@@ -96,21 +107,22 @@ compare() {
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 echo "Running $pairs pairs per job..." >&2
 compare "600 s stereo, mode 3 vs \`-af surround\`" 5 -- \
-    "$render" -q --mode asr "$work/stereo600.wav" "$work/o3.wav" -- \
-    ffmpeg -nostdin -loglevel error -y -i "$work/stereo600.wav" -af surround "$work/f3.wav"
+    "$render" -q --mode asr "$work/stereo600.wav" "$work/out-o3.wav" -- \
+    ffmpeg -nostdin -loglevel error -y -i "$work/stereo600.wav" -af surround "$work/out-f3.wav"
 compare "120 s six-channel, mode 4 \`--two-channel\` vs \`headphone\`" 2 -- \
-    "$render" -q --mode headphone --two-channel "$work/six120.wav" "$work/o4.wav" -- \
+    "$render" -q --mode headphone --two-channel "$work/six120.wav" "$work/out-o4.wav" -- \
     ffmpeg -nostdin -loglevel error -y -i "$work/six120.wav" -i "$work/hrir.wav" -filter_complex \
-    "[0:a][1:a]headphone=map=FL|FR|FC|LFE|BL|BR:hrir=multich:type=freq:size=8191" "$work/f4.wav"
+    "[0:a][1:a]headphone=map=FL|FR|FC|LFE|BL|BR:hrir=multich:type=freq:size=8191" "$work/out-f4.wav"
 compare "120 s six-channel, mode 5 \`--two-channel\` vs \`aresample=matrix_encoding=dplii\`" 1.5 -- \
-    "$render" -q --mode encode --two-channel "$work/six120.wav" "$work/o5.wav" -- \
-    ffmpeg -nostdin -loglevel error -y -i "$work/six120.wav" -af aresample=matrix_encoding=dplii -ac 2 "$work/f5.wav"
+    "$render" -q --mode encode --two-channel "$work/six120.wav" "$work/out-o5.wav" -- \
+    ffmpeg -nostdin -loglevel error -y -i "$work/six120.wav" -af aresample=matrix_encoding=dplii -ac 2 "$work/out-f5.wav"
 compare "600 s stereo, mode 0 \`--two-channel\` vs \`sox in.wav out.wav\`" 1 -- \
-    "$render" -q --mode bypass --two-channel "$work/stereo600.wav" "$work/o0.wav" -- \
-    sox "$work/stereo600.wav" "$work/s0.wav"
+    "$render" -q --mode bypass --two-channel "$work/stereo600.wav" "$work/out-o0.wav" -- \
+    sox "$work/stereo600.wav" "$work/out-s0.wav"
 short=() short_cpu=()
 for ((i = 0; i < pairs; ++i)); do
-    t=$(seconds "$render" -q --mode asr "$work/stereo1.wav" "$work/o1.wav")
+    settle
+    t=$(seconds "$render" -q --mode asr "$work/stereo1.wav" "$work/out-o1.wav")
     short+=("${t% *}"); short_cpu+=("${t#* }")
 done
 short_median=$(median "${short[@]}")
