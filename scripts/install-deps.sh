@@ -3,7 +3,8 @@
 # Needs root (or sudo) only when something is missing.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libfftw3-dev libgtest-dev libbenchmark-dev libsndfile1-dev)
+packages=(cmake g++ make pkg-config libfftw3-dev libgtest-dev libbenchmark-dev libsndfile1-dev libsoxr-dev
+          libcairo2-dev zlib1g-dev python3)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,10 +1,11 @@
 // kelvane-render: plays audio files through out_kelvane.so the way a media
-// player does and writes what comes out to WAV files.
+// player does and writes what comes out to files.
 //
 // The processor gets a private copy of the user's settings store, changed by
 // the command line's options, so that a run never touches the saved
 // settings: XDG_CONFIG_HOME points at a work folder of this run before the
 // library is loaded, and its settings file names out_wav.so as the output.
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -12,16 +13,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 #include "hosts/render/demo_scene.h"
+#include "hosts/render/messages.h"
 #include "hosts/render/plugin_host.h"
-#include "platform/posix/reg_file.h"
 #include "hosts/render/render_job.h"
 #include "hosts/render/render_options.h"
+#include "hosts/render/sound_file.h"
+#include "platform/posix/reg_file.h"
+#include "signal/mode.h"
 
 #ifndef KELVANE_RENDER_VERSION
 #define KELVANE_RENDER_VERSION "0.1.3"
@@ -29,14 +34,11 @@
 
 namespace {
 
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
-constexpr int kExitInterrupted = 130;
 constexpr size_t kOutPlugMaxChars = 254;  // the processor's path buffer, less the terminator
 
 void Fail(const std::string& message)
 {
-    std::fprintf(stderr, "kelvane-render: %s\n", message.c_str());
+    ReportError(message);
 }
 
 void OnSignal(int)
@@ -130,8 +132,9 @@ bool MakeFolder(const std::string& path, std::string& error)
     return true;
 }
 
-// The work folder and what is in it: the settings stand-ins and the pieces
-// (which RunRender removes itself).
+// The work folder and what is in it: the settings stand-ins, the copy of
+// standard input, the plug-ins' messages and the pieces (which RunRender
+// removes itself).
 void RemoveWorkFolder(const std::string& folder)
 {
     if (folder.empty())
@@ -150,190 +153,399 @@ void RemoveWorkFolder(const std::string& folder)
     }
 }
 
+// Standard input, copied whole into `path` so that it can be read like a
+// file: its length known, and a second time for --normalize.
+bool CopyStandardInput(const std::string& path, std::string& error)
+{
+    std::FILE* out = std::fopen(path.c_str(), "wb");
+    if (out == nullptr) {
+        error = "cannot keep standard input in " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    std::vector<char> buffer(1 << 16);
+    bool good = true;
+    for (;;) {
+        const ssize_t got = read(STDIN_FILENO, buffer.data(), buffer.size());
+        if (got < 0 && errno == EINTR && !RenderInterrupted)
+            continue;
+        if (got <= 0) {
+            good = got == 0;
+            break;
+        }
+        good = std::fwrite(buffer.data(), 1, static_cast<size_t>(got), out) == static_cast<size_t>(got);
+        if (!good)
+            break;
+    }
+    good = std::fclose(out) == 0 && good;
+    if (!good)
+        error = "cannot read standard input: " + std::string(std::strerror(errno));
+    return good;
+}
+
+// Says what the processor will do with saved values that a user would not
+// expect it to take, naming the file that holds them.
+void CheckSavedSettings(const std::string& file, const std::vector<RegValue>& saved, bool readable)
+{
+    if (!readable) {
+        if (access(file.c_str(), F_OK) == 0)
+            ReportWarning("the saved settings in " + file +
+                          " cannot be read (not a settings file of version 5.00 holding the processor's key): "
+                          "the processor's defaults apply");
+        return;
+    }
+    const RegValue* mode = FindRegValue(saved, "Mode");
+    if (mode != nullptr && mode->is_dword && ModeName(static_cast<int32_t>(mode->dword))[0] == '?')
+        ReportWarning("the saved Mode " + std::to_string(static_cast<int32_t>(mode->dword)) + " in " + file +
+                      " is not a mode (0 to 5): the processor decodes stereo as in mode 1 and passes everything "
+                      "else through");
+    const RegValue* bits = FindRegValue(saved, "Out_Bits");
+    if (bits != nullptr && bits->is_dword) {
+        const int32_t value = static_cast<int32_t>(bits->dword);
+        if (value != 16 && value != 24 && value != 32)
+            ReportWarning("the saved Out_Bits " + std::to_string(value) + " in " + file +
+                          " is not 16, 24 or 32: the processor would send stale words, so the output follows the "
+                          "input");
+    }
+}
+
+// The output word that the options or the saved settings ask for; bits 0
+// to follow the input.
+SampleWord RequestedWord(const RenderOptions& options, const std::vector<RegValue>& saved, const char*& source)
+{
+    if (options.out_word.bits != 0) {
+        source = "option";
+        return options.out_word;
+    }
+    const RegValue* bits = FindRegValue(saved, "Out_Bits");
+    if (bits != nullptr && bits->is_dword) {
+        const int32_t value = static_cast<int32_t>(bits->dword);
+        if (value == 16 || value == 24 || value == 32) {
+            source = "saved";
+            return SampleWord{value, false};
+        }
+    }
+    source = "the input";
+    return SampleWord{0, false};
+}
+
+void PrintSettings(const std::vector<SettingInForce>& settings, const std::string& saved_file, bool saved_found,
+                   int processor_bits, const char* bits_source, std::FILE* out)
+{
+    std::fprintf(out, "settings (%s %s):\n", saved_found ? "saved ones from" : "none saved in", saved_file.c_str());
+    for (const SettingInForce& setting : settings) {
+        if (setting.name == "Out_Bits") {
+            std::fprintf(out, "  %-18s %4d  %s\n", "Out_Bits", processor_bits, bits_source);
+            continue;
+        }
+        std::fprintf(out, "  %-18s %4d  %s", setting.name.c_str(), setting.value, setting.source);
+        if (setting.name == "Mode")
+            std::fprintf(out, ": %s, %s", ModeName(setting.value), ModeLabel(setting.value));
+        std::fprintf(out, "\n");
+    }
+}
+
+// The plug-ins that this run loads.
+struct PluginPaths {
+    std::string processor;
+    std::string writer;
+};
+
+bool FindPlugins(const RenderOptions& options, PluginPaths& paths)
+{
+    const std::string program_folder = ProgramFolder();
+#ifdef KELVANE_RENDER_PLUGIN_DIR
+    const std::string installed = program_folder + "/" + KELVANE_RENDER_PLUGIN_DIR;
+#else
+    const std::string installed = program_folder;
+#endif
+    const char* plugin_env = std::getenv("KELVANE_PLUGIN");
+    std::vector<std::string> plugin_fallbacks = {plugin_env != nullptr ? plugin_env : "",
+                                                  program_folder + "/out_kelvane.so", installed + "/out_kelvane.so"};
+#ifdef KELVANE_RENDER_BUILD_PLUGIN
+    plugin_fallbacks.push_back(KELVANE_RENDER_BUILD_PLUGIN);
+#endif
+    paths.processor = LocatePlugin(options.plugin, plugin_fallbacks, "out_kelvane.so", "--plugin");
+    if (paths.processor.empty())
+        return false;
+    std::vector<std::string> writer_fallbacks = {program_folder + "/out_wav.so", installed + "/out_wav.so"};
+#ifdef KELVANE_RENDER_BUILD_OUT_WAV
+    writer_fallbacks.push_back(KELVANE_RENDER_BUILD_OUT_WAV);
+#endif
+    paths.writer = LocatePlugin(options.out_wav, writer_fallbacks, "out_wav.so", "--out-wav");
+    if (paths.writer.empty())
+        return false;
+    // The processor only says that it failed to open its output; find out
+    // here whether the writer is one, and say why not.
+    PluginSession probe{};
+    std::string error;
+    if (!LoadPlugin(paths.writer, probe, error)) {
+        Fail(error);
+        return false;
+    }
+    UnloadPlugin(probe);
+    if (WideLength(paths.writer) > kOutPlugMaxChars) {
+        Fail("the path of out_wav.so is longer than the processor takes (" + std::to_string(kOutPlugMaxChars) +
+             " characters): " + paths.writer);
+        return false;
+    }
+    return true;
+}
+
+// A run ended by an error: its message, and the status that goes with it.
+int Failed(const std::string& error)
+{
+    Fail(error);
+    return RenderInterrupted ? kExitInterrupted : kExitFailure;
+}
+
+int RunDemo(const RenderOptions& options, const PluginPaths& paths, RenderContext& context)
+{
+    std::string error;
+    if (!MakeFolder(options.demo_dir, error))
+        return Failed(error);
+    const bool show = CurrentVerbosity() != Verbosity::Quiet;
+    const Scene scenes[2] = {StereoScene(), SixChannelScene()};
+    int only_mode = -1;
+    for (const SettingOverride& setting : options.overrides)
+        if (setting.name == "Mode")
+            only_mode = setting.value;
+    if (show)
+        std::printf("Kelvane demo: a built-in scene rendered in every mode into %s\n", options.demo_dir.c_str());
+    for (const Scene& scene : scenes) {
+        const std::string input = options.demo_dir + "/scene-" + scene.name + ".wav";
+        if (!WriteScene(scene, input, error))
+            return Failed(error);
+        if (show) {
+            std::printf("\n%s scene (%s): %d channels, %zu segments of %.1f s at %d Hz\n",
+                        scene.channels == 2 ? "Stereo" : "Six-channel", input.c_str(), scene.channels,
+                        scene.segments.size(), static_cast<double>(scene.segments.front().frames) / kSceneRate,
+                        kSceneRate);
+            std::printf("RMS per output channel in dBFS, measured inside each segment\n");
+            std::printf("%-13s %-8s %7s%7s%7s%7s%7s%7s\n", "mode", "segment", "L", "R", "C", "LFE", "SL", "SR");
+        }
+        for (int mode = 0; mode < 6; ++mode) {
+            if (only_mode >= 0 && mode != only_mode)
+                continue;
+            RenderRequest request{};
+            request.inputs = {input};
+            request.input_names = {input};
+            const std::string output = options.demo_dir + "/" + scene.name + "-" + std::to_string(mode) + "-" +
+                                       ModeFileName(mode) + ".wav";
+            OutputPlan plan{};
+            if (!ResolveTarget(output, plan.target, error))
+                return Failed(error);
+            plan.inputs = {0};
+            plan.container = Container::Wav;
+            plan.word = options.out_word;
+            request.outputs = {plan};
+            ApplyOverrides(options.overrides, request.settings);
+            SetRegDword(request.settings, "Mode", mode);
+            SetRegString(request.settings, "Out_Plug", paths.writer);
+            request.resample = true;
+            request.dither = options.dither;
+            request.two_channel = options.two_channel;
+            request.show_progress = show && isatty(STDERR_FILENO);
+            RenderSummary summary{};
+            if (!RunRender(request, context, summary, error) || !CommitOutputs(request, error)) {
+                DiscardOutputs(request);
+                return Failed(error);
+            }
+            ReportOvers(summary, options.two_channel);
+            std::vector<std::vector<double>> levels;
+            int channels = 0;
+            if (!SegmentLevels(output, scene, levels, channels, error))
+                return Failed(error);
+            for (size_t s = 0; show && s < scene.segments.size(); ++s) {
+                const std::string label = std::to_string(mode) + " " + ModeName(mode);
+                std::printf("%-13s %-8s ", s == 0 ? label.c_str() : "", scene.segments[s].name);
+                for (int c = 0; c < channels; ++c)
+                    std::printf("%s", FormatDb(levels[s][static_cast<size_t>(c)], 7).c_str());
+                std::printf("\n");
+            }
+        }
+    }
+    if (show)
+        std::printf("\nWhat to look for: in mode 3 (asr) the centre segment lands in C and the behind\n"
+                    "segment in SL and SR; modes 1 and 2 (kelvane+c, as) feed one surround signal to\n"
+                    "both; mode 4 (headphone) folds everything to two ear signals in L and R, mode 5\n"
+                    "(encode) folds the six-channel scene to L and R; mode 0 (bypass) and mode 5 on\n"
+                    "stereo pass the input at 0.707.\n");
+    return kExitSuccess;
+}
+
 // The whole program after parsing, so that every way out passes the cleanup
 // in main.
 int Run(const RenderOptions& options, const std::string& work_folder, PluginSession& session)
 {
     std::string error;
-    const std::string program_folder = ProgramFolder();
-    const char* plugin_env = std::getenv("KELVANE_PLUGIN");
-    std::vector<std::string> plugin_fallbacks = {plugin_env != nullptr ? plugin_env : "",
-                                                  program_folder + "/out_kelvane.so"};
-#ifdef KELVANE_RENDER_BUILD_PLUGIN
-    plugin_fallbacks.push_back(KELVANE_RENDER_BUILD_PLUGIN);
-#endif
-    const std::string plugin = LocatePlugin(options.plugin, plugin_fallbacks, "out_kelvane.so", "--plugin");
-    if (plugin.empty())
+    PluginPaths paths{};
+    if (!FindPlugins(options, paths))
         return kExitFailure;
-    std::vector<std::string> writer_fallbacks = {program_folder + "/out_wav.so"};
-#ifdef KELVANE_RENDER_BUILD_OUT_WAV
-    writer_fallbacks.push_back(KELVANE_RENDER_BUILD_OUT_WAV);
-#endif
-    const std::string writer = LocatePlugin(options.out_wav, writer_fallbacks, "out_wav.so", "--out-wav");
-    if (writer.empty())
-        return kExitFailure;
-    // The processor only says that it failed to open its output; find out
-    // here whether the writer is one, and say why not.
-    PluginSession probe{};
-    if (!LoadPlugin(writer, probe, error)) {
-        Fail(error);
-        return kExitFailure;
-    }
-    UnloadPlugin(probe);
-    if (WideLength(writer) > kOutPlugMaxChars) {
-        Fail("the path of out_wav.so is longer than the processor takes (" + std::to_string(kOutPlugMaxChars) +
-             " characters): " + writer);
-        return kExitFailure;
-    }
 
     // The saved settings as they stand; never written.
+    const std::string saved_file = RegStoreFile(kProcessorKeyName);
     std::vector<RegValue> saved;
-    if (options.demo_dir.empty())
-        ReadRegKey(RegStoreFile(kProcessorKeyName), RegKeyPath(kProcessorKeyName), saved);
+    bool saved_found = false;
+    if (options.demo_dir.empty()) {
+        saved_found = ReadRegKey(saved_file, RegKeyPath(kProcessorKeyName), saved);
+        CheckSavedSettings(saved_file, saved, saved_found);
+    }
 
-    // Every input must exist before the processor is loaded.
-    for (const std::string& input : options.inputs)
-        if (!IsFile(input)) {
-            Fail("cannot read input " + input + ": " + (access(input.c_str(), F_OK) == 0 ? "not a file" : std::strerror(ENOENT)));
-            return kExitFailure;
+    RenderRequest request{};
+    RenderContext context{&session, work_folder};
+    if (options.demo_dir.empty()) {
+        // Every input must exist before the processor is loaded.
+        for (const std::string& input : options.inputs) {
+            if (input == "-") {
+                request.inputs.push_back(work_folder + "/standard-input");
+                request.input_names.push_back("standard input");
+                continue;
+            }
+            if (!IsFile(input)) {
+                Fail("cannot read input " + input + ": " +
+                     (access(input.c_str(), F_OK) == 0 ? "not a file" : std::strerror(ENOENT)));
+                return kExitFailure;
+            }
+            request.inputs.push_back(input);
+            request.input_names.push_back(input);
         }
 
-    // And every output must have a folder to go to, unless -o creates it.
-    std::vector<std::string> written = {options.output, options.report};
-    for (const std::string& path : written) {
-        if (path.empty())
-            continue;
-        const size_t slash = path.rfind('/');
-        const std::string folder = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-        if (access(folder.c_str(), W_OK) != 0) {
-            Fail("cannot write " + path + ": " + std::strerror(errno));
+        // The outputs: their places, types and words.
+        const char* bits_source = "";
+        const SampleWord word = RequestedWord(options, saved, bits_source);
+        Container chosen = Container::Wav;
+        if (!options.format.empty())
+            ContainerByName(options.format, chosen);
+        if (!options.output_dir.empty()) {
+            if (!MakeFolder(options.output_dir, error))
+                return Failed(error);
+            for (size_t i = 0; i < options.inputs.size(); ++i) {
+                const std::string stem = options.inputs[i] == "-" ? "standard-input" : StemOf(options.inputs[i]);
+                const std::string output = options.output_dir + "/" + stem + ContainerExtension(chosen);
+                for (const OutputPlan& plan : request.outputs)
+                    if (plan.target.given == output) {
+                        Fail("two inputs would both be written to " + output);
+                        return kExitFailure;
+                    }
+                OutputPlan plan{};
+                if (!ResolveTarget(output, plan.target, error))
+                    return Failed(error);
+                plan.inputs = {i};
+                plan.container = chosen;
+                plan.word = word;
+                request.outputs.push_back(plan);
+            }
+        } else {
+            OutputPlan plan{};
+            if (!ResolveTarget(options.output, plan.target, error))
+                return Failed(error);
+            plan.container = chosen;
+            if (options.format.empty() && options.output != "-" && !ContainerByExtension(options.output, plan.container)) {
+                Fail("cannot tell the format of " + options.output +
+                     " from its extension: use .wav, .w64, .rf64, .flac or .caf, or --format");
+                return kExitUsage;
+            }
+            for (size_t i = 0; i < options.inputs.size(); ++i)
+                plan.inputs.push_back(i);
+            plan.word = word;
+            request.outputs.push_back(plan);
+        }
+        OutputTarget report{};
+        if (!options.report.empty()) {
+            if (!ResolveTarget(options.report, report, error))
+                return Failed(error);
+            request.report = &report;
+        }
+        std::vector<OutputTarget*> targets;
+        for (OutputPlan& plan : request.outputs) {
+            for (const std::string& input : options.inputs)
+                if (input != "-" && plan.target.kind != TargetKind::StandardOutput &&
+                    Absolute(plan.target.path) == Absolute(input)) {
+                    Fail("the output " + plan.target.given + " would replace an input");
+                    return kExitFailure;
+                }
+            targets.push_back(&plan.target);
+        }
+        if (request.report != nullptr)
+            targets.push_back(request.report);
+        const bool reads_stdin = std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
+        const bool ask = isatty(STDIN_FILENO) && !reads_stdin;
+        if (!MayReplace(targets, options.overwrite, ask ? stdin : nullptr, UserErrors(), error)) {
+            Fail(error);
             return kExitFailure;
         }
+        if (reads_stdin && !CopyStandardInput(work_folder + "/standard-input", error))
+            return Failed(error);
+
+        request.mono_as_stereo = options.mono_as_stereo;
+        request.downmix = options.downmix;
+        request.resample = options.resample;
+        request.gain_db = options.gain_db;
+        request.normalize = options.normalize;
+        request.dither = options.dither;
+        request.two_channel = options.two_channel;
+        // Files in a folder start from a reset processor, unless they are
+        // to run on like a play-list.
+        request.reset_between = options.reset_between || (!options.output_dir.empty() && !options.gapless);
+        request.show_progress = CurrentVerbosity() != Verbosity::Quiet && isatty(STDERR_FILENO);
+        request.settings = saved;
+        ApplyOverrides(options.overrides, request.settings);
+        SetRegString(request.settings, "Out_Plug", paths.writer);
+        const int mode = EffectiveMode(request.settings);
+        if (options.two_channel && mode != kModeHeadphone && mode != kModeEncode)
+            ReportNote("--two-channel drops C, LFE, SL and SR, which mode " + std::to_string(mode) + " uses");
+        if (options.gapless && options.output_dir.empty())
+            ReportNote("--gapless matters only with -o DIR; a joined output always runs on");
+
+        if (setenv("XDG_CONFIG_HOME", work_folder.c_str(), 1) != 0) {
+            Fail("cannot set XDG_CONFIG_HOME");
+            return kExitFailure;
+        }
+        CaptureProcessorMessages(work_folder + "/processor-messages");
+        if (!LoadPlugin(paths.processor, session, error))
+            return Failed(error);
+        RenderSummary summary{};
+        if (!RunRender(request, context, summary, error)) {
+            DiscardOutputs(request);
+            return Failed(error);
+        }
+        for (const InputSummary& input : summary.inputs)
+            if (input.truncated)
+                ReportWarning("input " + input.name + " is truncated: it holds less than its header says (" +
+                              std::to_string(input.frames) + " frames read)");
+        ReportOvers(summary, options.two_channel);
+        if (options.fail_on_clip && (TotalOvers(summary) > 0 || std::any_of(summary.inputs.begin(),
+                                                                           summary.inputs.end(),
+                                                                           [](const InputSummary& input) {
+                                                                               return input.input_overs > 0;
+                                                                           }))) {
+            DiscardOutputs(request);
+            Fail("samples went over full scale (--fail-on-clip): nothing written");
+            return kExitClipped;
+        }
+        if (!CommitOutputs(request, error)) {
+            DiscardOutputs(request);
+            return Failed(error);
+        }
+        if (CurrentVerbosity() != Verbosity::Quiet) {
+            // Standard output may be the audio itself.
+            const bool audio_on_stdout = options.output == "-";
+            std::FILE* out = audio_on_stdout ? UserErrors() : stdout;
+            PrintSettings(SettingsInForce(saved, options.overrides), saved_file, saved_found, summary.processor_bits,
+                          bits_source, out);
+            PrintSummary(summary, options.two_channel, out);
+        }
+        return kExitSuccess;
     }
 
     if (setenv("XDG_CONFIG_HOME", work_folder.c_str(), 1) != 0) {
         Fail("cannot set XDG_CONFIG_HOME");
         return kExitFailure;
     }
-    if (!LoadPlugin(plugin, session, error)) {
-        Fail(error);
-        return kExitFailure;
-    }
-    RenderContext context{&session, work_folder};
-    const bool progress = !options.quiet && isatty(STDERR_FILENO);
-
-    if (!options.demo_dir.empty()) {
-        if (!MakeFolder(options.demo_dir, error)) {
-            Fail(error);
-            return kExitFailure;
-        }
-        const Scene scenes[2] = {StereoScene(), SixChannelScene()};
-        int only_mode = -1;
-        for (const SettingOverride& setting : options.overrides)
-            if (setting.name == "Mode")
-                only_mode = setting.value;
-        std::printf("Kelvane demo: a built-in scene rendered in every mode into %s\n", options.demo_dir.c_str());
-        for (const Scene& scene : scenes) {
-            const std::string input = options.demo_dir + "/scene-" + scene.name + ".wav";
-            if (!WriteScene(scene, input, error)) {
-                Fail(error);
-                return kExitFailure;
-            }
-            std::printf("\n%s scene (%s): %d channels, %zu segments of %.1f s at %d Hz\n",
-                        scene.channels == 2 ? "Stereo" : "Six-channel", input.c_str(),
-                        scene.channels, scene.segments.size(),
-                        static_cast<double>(scene.segments.front().frames) / kSceneRate, kSceneRate);
-            std::printf("RMS per output channel in dBFS, measured inside each segment\n");
-            std::printf("%-13s %-8s %7s%7s%7s%7s%7s%7s\n", "mode", "segment", "L", "R", "C", "LFE", "SL", "SR");
-            for (int mode = 0; mode < 6; ++mode) {
-                if (only_mode >= 0 && mode != only_mode)
-                    continue;
-                RenderRequest request{};
-                request.inputs = {input};
-                const std::string output = options.demo_dir + "/" + scene.name + "-" + std::to_string(mode) + "-" +
-                                           ModeShortName(mode) + ".wav";
-                request.outputs = {OutputPlan{output, {0}}};
-                ApplyOverrides(options.overrides, request.settings);
-                SetRegDword(request.settings, "Mode", mode);
-                SetRegString(request.settings, "Out_Plug", writer);
-                request.two_channel = options.two_channel;
-                request.show_progress = progress;
-                RenderSummary summary{};
-                if (!RunRender(request, context, summary, error)) {
-                    Fail(error);
-                    return RenderInterrupted ? kExitInterrupted : kExitFailure;
-                }
-                std::vector<std::vector<double>> levels;
-                int channels = 0;
-                if (!SegmentLevels(output, scene, levels, channels, error)) {
-                    Fail(error);
-                    return kExitFailure;
-                }
-                for (size_t s = 0; s < scene.segments.size(); ++s) {
-                    const std::string label = std::to_string(mode) + " " + ModeShortName(mode);
-                    std::printf("%-13s %-8s ", s == 0 ? label.c_str() : "", scene.segments[s].name);
-                    for (int c = 0; c < channels; ++c)
-                        std::printf("%s", FormatDb(levels[s][static_cast<size_t>(c)], 7).c_str());
-                    std::printf("\n");
-                }
-            }
-        }
-        std::printf("\nWhat to look for: in mode 3 (asr) the centre segment lands in C and the behind\n"
-                    "segment in SL and SR; modes 1 and 2 feed one surround signal to both; mode 4\n"
-                    "folds everything to two ear signals in L and R, mode 5 folds the six-channel\n"
-                    "scene to L and R; mode 0 and mode 5 on stereo pass the input at 0.707.\n");
-        return 0;
-    }
-
-    // An ordinary run.
-    std::vector<RegValue> settings = saved;
-    ApplyOverrides(options.overrides, settings);
-    SetRegString(settings, "Out_Plug", writer);
-    const int mode = EffectiveMode(settings);
-    if (options.two_channel && mode != 4 && mode != 5)
-        std::fprintf(stderr, "kelvane-render: note: --two-channel drops C, LFE, SL and SR, which mode %d uses\n", mode);
-
-    RenderRequest request{};
-    request.inputs = options.inputs;
-    request.settings = settings;
-    request.two_channel = options.two_channel;
-    request.reset_between = options.reset_between;
-    request.show_progress = progress;
-    request.report = options.report;
-    if (!options.output_dir.empty()) {
-        if (!MakeFolder(options.output_dir, error)) {
-            Fail(error);
-            return kExitFailure;
-        }
-        for (size_t i = 0; i < options.inputs.size(); ++i) {
-            const std::string output = options.output_dir + "/" + StemOf(options.inputs[i]) + ".wav";
-            for (const OutputPlan& plan : request.outputs)
-                if (plan.path == output) {
-                    Fail("two inputs would both be written to " + output);
-                    return kExitFailure;
-                }
-            request.outputs.push_back(OutputPlan{output, {i}});
-        }
-    } else {
-        OutputPlan plan{options.output, {}};
-        for (size_t i = 0; i < options.inputs.size(); ++i)
-            plan.inputs.push_back(i);
-        request.outputs.push_back(plan);
-    }
-    for (const OutputPlan& plan : request.outputs)
-        for (const std::string& input : options.inputs)
-            if (Absolute(plan.path) == Absolute(input)) {
-                Fail("the output " + plan.path + " would replace an input");
-                return kExitFailure;
-            }
-
-    RenderSummary summary{};
-    if (!RunRender(request, context, summary, error)) {
-        Fail(error);
-        return RenderInterrupted ? kExitInterrupted : kExitFailure;
-    }
-    PrintSummary(summary, stdout);
-    return 0;
+    CaptureProcessorMessages(work_folder + "/processor-messages");
+    if (!LoadPlugin(paths.processor, session, error))
+        return Failed(error);
+    return RunDemo(options, paths, context);
 }
 
 }  // namespace
@@ -347,13 +559,14 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
     if (options.help) {
-        std::fputs(RenderUsage(), stdout);
-        return 0;
+        std::fputs(RenderUsage(RegStoreFile(kProcessorKeyName)).c_str(), stdout);
+        return kExitSuccess;
     }
     if (options.version) {
         std::printf("kelvane-render %s\n", KELVANE_RENDER_VERSION);
-        return 0;
+        return kExitSuccess;
     }
+    SetVerbosity(options.quiet ? Verbosity::Quiet : (options.verbose ? Verbosity::Verbose : Verbosity::Normal));
 
     struct sigaction action{};
     action.sa_handler = OnSignal;
@@ -361,6 +574,8 @@ int main(int argc, char** argv)
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGHUP, &action, nullptr);
+    // A closed pipe on standard output shows as a failed write.
+    signal(SIGPIPE, SIG_IGN);
 
     const char* temporary = std::getenv("TMPDIR");
     std::string pattern = std::string(temporary != nullptr && temporary[0] != '\0' ? temporary : "/tmp") +
@@ -376,6 +591,7 @@ int main(int argc, char** argv)
     PluginSession session{};
     const int status = Run(options, work_folder, session);
     UnloadPlugin(session);
+    ReleaseProcessorMessages();
     RemoveWorkFolder(work_folder);
     std::fflush(stdout);
     return status;

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <limits>
 
+#include "hosts/render/engine_meter.h"
+
 void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames)
 {
     levels = ChannelLevels{};
@@ -79,4 +81,37 @@ std::string FormatDb(double db, int width)
     else
         std::snprintf(text, sizeof text, "%*.1f", width, db);
     return text;
+}
+
+void InitOverCounts(OverCounts& counts, uint32_t window_frames)
+{
+    counts = OverCounts{};
+    counts.window_frames = window_frames;
+}
+
+void AddProcessedFrame(OverCounts& counts, const float* frame, int bits)
+{
+    uint32_t* window = nullptr;
+    if (counts.window_frames != 0) {
+        if (counts.frames % counts.window_frames == 0)
+            counts.window_overs.resize(counts.window_overs.size() + 6, 0);
+        window = &counts.window_overs[counts.window_overs.size() - 6];
+    }
+    for (int c = 0; c < 6; ++c) {
+        const double magnitude = std::fabs(static_cast<double>(frame[c]));
+        if (magnitude > counts.peak[c] || std::isnan(magnitude))
+            counts.peak[c] = magnitude;
+        if (OverFullScale(frame[c], bits)) {
+            ++counts.overs[c];
+            if (window != nullptr)
+                ++window[c];
+        }
+    }
+    ++counts.frames;
+}
+
+double OutputLevelDb(double magnitude)
+{
+    constexpr double kOutputFactor = 0.85;
+    return LevelDb(magnitude * kOutputFactor);
 }

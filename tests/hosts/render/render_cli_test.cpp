@@ -150,12 +150,15 @@ struct RenderFixture : ::testing::Test {
         return {{"XDG_CONFIG_HOME", config.path}, {"HOME", home.path}, {"KELVANE_PLUGIN", ""}};
     }
 
-    ProcessResult Render(std::vector<std::string> args, bool with_plugin = true) const
+    // Runs the renderer with this build's plug-ins, allowed to replace its
+    // outputs (-y) unless `replace` is false.
+    ProcessResult Render(std::vector<std::string> args, bool with_plugin = true, bool replace = true) const
     {
         args.insert(args.begin(), RenderPath());
-        if (with_plugin) {
+        if (with_plugin)
             args.insert(args.begin() + 1, {"--plugin", PluginPath(), "--out-wav", OutWavPath()});
-        }
+        if (replace)
+            args.insert(args.begin() + 1, "-y");
         return RunProgram(args, Environment());
     }
 
@@ -306,9 +309,9 @@ TEST_F(RenderFixture, PlayListEqualsOneConcatenatedRender)
         EXPECT_EQ(got.Frames(), 30000) << mode;
         ExpectSameOutput(got.samples, expected.samples, headphone, mode);
 
-        // One file per input: the files have their inputs' lengths, and
-        // together they are the same stream.
-        const ProcessResult split = Render({"-q", "--mode", mode, "-o", work.File("split"), a, b});
+        // One file per input, run on like a play-list: the files have their
+        // inputs' lengths, and together they are the same stream.
+        const ProcessResult split = Render({"-q", "--gapless", "--mode", mode, "-o", work.File("split"), a, b});
         ASSERT_EQ(split.status, 0) << split.err;
         const TestAudio first = ReadTestAudio(work.File("split/a.wav"));
         const TestAudio second = ReadTestAudio(work.File("split/b.wav"));
@@ -531,7 +534,7 @@ TEST_F(RenderFixture, InterruptedRunLeavesNoOutput)
 TEST_F(RenderFixture, DemoTableShowsWhereEachSourceLands)
 {
     const std::string dir = work.File("demo");
-    const ProcessResult result = Render({"-q", "--demo", dir});
+    const ProcessResult result = Render({"--demo", dir});
     ASSERT_EQ(result.status, 0) << result.err;
 
     // Rows: [mode number, mode name,] segment, six levels.
@@ -585,7 +588,7 @@ TEST_F(RenderFixture, DemoTableShowsWhereEachSourceLands)
 TEST_F(RenderFixture, DeepAndShallowSourcesReachTheProcessorAtTheirOwnDepth)
 {
     // Bypass, step by step in single precision from the source's own integer
-    // value: 24 bits sit in the top of a 32-bit word scaled by 1/2^31, 8 bits
+    // value to the output word, which follows the input: 24 bits sit in the top of a 32-bit word scaled by 1/2^31, 8 bits
     // are unsigned around 128, scaled by 1/128.
     TestAudio deep{kRate, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_24, Noise16(2 * 3000, 32767, 28)};
     for (int32_t& sample : deep.samples)
@@ -598,6 +601,9 @@ TEST_F(RenderFixture, DeepAndShallowSourcesReachTheProcessorAtTheirOwnDepth)
         ASSERT_EQ(Render({"-q", "--mode", "0", Input(is_deep ? "deep.wav" : "shallow.wav", *input), out}).status, 0);
         const TestAudio rendered = ReadTestAudio(out);
         ASSERT_EQ(rendered.Frames(), 3000);
+        // The output word follows the input: 24 bits from 24, 16 from 8.
+        EXPECT_EQ(rendered.format & SF_FORMAT_SUBMASK, is_deep ? SF_FORMAT_PCM_24 : SF_FORMAT_PCM_16);
+        const float scale = is_deep ? 7130317.0f : 27852.80078125f;
         for (int64_t i = 0; i < 3000; ++i)
             for (int c = 0; c < 2; ++c) {
                 const int32_t v = input->At(i, c);
@@ -609,7 +615,7 @@ TEST_F(RenderFixture, DeepAndShallowSourcesReachTheProcessorAtTheirOwnDepth)
                     x = static_cast<float>(byte == 0 ? 0 : byte - 128) * 0.0078125f;
                 }
                 const float y = x * 0.707f;
-                const float z = y * 27852.80078125f;
+                const float z = y * scale;
                 ASSERT_EQ(rendered.At(i, c), static_cast<int32_t>(z)) << (is_deep ? "24" : "8") << " bits, frame " << i;
             }
     }
