@@ -283,6 +283,8 @@ bool FindPlugins(const RenderOptions& options, PluginPaths& paths)
         return false;
     }
     UnloadPlugin(probe);
+    ReportTrace("processor " + paths.processor);
+    ReportTrace("writer " + paths.writer);
     if (WideLength(paths.writer) > kOutPlugMaxChars) {
         Fail("the path of out_wav.so is longer than the processor takes (" + std::to_string(kOutPlugMaxChars) +
              " characters): " + paths.writer);
@@ -440,7 +442,10 @@ int Run(const RenderOptions& options, const std::string& work_folder, PluginSess
             if (!ResolveTarget(options.output, plan.target, error))
                 return Failed(error);
             plan.container = chosen;
-            if (options.format.empty() && options.output != "-" && !ContainerByExtension(options.output, plan.container)) {
+            // A file needs an extension to go by; standard output, a device
+            // or a FIFO get WAV unless --format says otherwise.
+            const bool file = plan.target.kind == TargetKind::NewFile || plan.target.kind == TargetKind::ExistingFile;
+            if (options.format.empty() && file && !ContainerByExtension(options.output, plan.container)) {
                 Fail("cannot tell the format of " + options.output +
                      " from its extension: use .wav, .w64, .rf64, .flac or .caf, or --format");
                 return kExitUsage;

@@ -17,7 +17,8 @@ constexpr int kBottomMargin = 34;       // room for the time scales
 constexpr int kOverMarkHeight = 12;     // the red band at the top of a lane where samples went over
 constexpr double kTickSpacing = 70.0;   // pixels between time marks, at least
 constexpr double kNameCharWidth = 7.0;  // pixels a character of a file name takes, about
-constexpr const char* kLaneColours[7] = {"#555555", "#1f77b4", "#d62728", "#2ca02c", "#9467bd", "#ff7f0e", "#8c564b"};
+// Input, then L, R, C, LFE, SL, SR; no red among them, which marks overs.
+constexpr const char* kLaneColours[7] = {"#555555", "#1f77b4", "#17becf", "#2ca02c", "#9467bd", "#ff7f0e", "#8c564b"};
 constexpr const char* kOverColour = "#e00000";
 constexpr const char* kBoundaryColour = "#222222";
 constexpr const char* kOutputNames[6] = {"L", "R", "C", "LFE", "SL", "SR"};
@@ -109,6 +110,7 @@ ReportPicture BuildLevelReport(const std::vector<ReportFile>& files, bool two_ch
         total += FileSeconds(file);
     double elapsed = 0.0;
     const double axis = lane_top(lanes);
+    std::vector<ReportShape> boundaries;  // drawn over everything else
     for (size_t f = 0; f < files.size(); ++f) {
         const ReportFile& file = files[f];
         const double seconds = FileSeconds(file);
@@ -139,7 +141,7 @@ ReportPicture BuildLevelReport(const std::vector<ReportFile>& files, bool two_ch
             }
 
         // The file's start, its name, and its own time scale from 0 s.
-        picture.shapes.push_back(Line(left, kTopMargin - 14, left, axis, kBoundaryColour, f == 0 ? 1.0 : 1.5));
+        boundaries.push_back(Line(left, kTopMargin - 14, left, axis, kBoundaryColour, f == 0 ? 1.0 : 2.0));
         const size_t room = static_cast<size_t>(std::max(0.0, (right - left - 6.0) / kNameCharWidth));
         std::string name = file.name.substr(file.name.rfind('/') == std::string::npos ? 0 : file.name.rfind('/') + 1);
         if (name.size() > room)
@@ -160,6 +162,7 @@ ReportPicture BuildLevelReport(const std::vector<ReportFile>& files, bool two_ch
             picture.shapes.push_back(Text(x + (tick == 0 ? 2 : 0), axis + 8, SecondsLabel(tick * step), 11, tick != 0));
         }
     }
+    picture.shapes.insert(picture.shapes.end(), boundaries.begin(), boundaries.end());
     return picture;
 }
 
