@@ -352,7 +352,7 @@ int RunDemo(const RenderOptions& options, const PluginPaths& paths, RenderContex
                 DiscardOutputs(request);
                 return Failed(error);
             }
-            ReportOvers(summary, options.two_channel);
+            ReportOvers(summary);
             std::vector<std::vector<double>> levels;
             int channels = 0;
             if (!SegmentLevels(output, scene, levels, channels, error))
@@ -375,180 +375,192 @@ int RunDemo(const RenderOptions& options, const PluginPaths& paths, RenderContex
     return kExitSuccess;
 }
 
+// Points the processor's settings store at the work folder, sends its
+// messages there too unless -v, and loads it.
+bool LoadProcessor(const std::string& work_folder, const PluginPaths& paths, PluginSession& session,
+                   std::string& error)
+{
+    if (setenv("XDG_CONFIG_HOME", work_folder.c_str(), 1) != 0) {
+        error = "cannot set XDG_CONFIG_HOME";
+        return false;
+    }
+    CaptureProcessorMessages(work_folder + "/processor-messages");
+    return LoadPlugin(paths.processor, session, error);
+}
+
+// The files of an ordinary run: inputs, outputs with their places, types
+// and words, and the report. An exit status other than kExitSuccess when
+// the run cannot go on; `report` holds the report's place.
+int PlanFiles(const RenderOptions& options, const std::vector<RegValue>& saved, const std::string& work_folder,
+              RenderRequest& request, OutputTarget& report, const char*& bits_source)
+{
+    std::string error;
+    // Every input must exist before the processor is loaded.
+    for (const std::string& input : options.inputs) {
+        if (input == "-") {
+            request.inputs.push_back(work_folder + "/standard-input");
+            request.input_names.push_back("standard input");
+            continue;
+        }
+        if (!IsFile(input)) {
+            Fail("cannot read input " + input + ": " +
+                 (access(input.c_str(), F_OK) == 0 ? "not a file" : std::strerror(ENOENT)));
+            return kExitFailure;
+        }
+        request.inputs.push_back(input);
+        request.input_names.push_back(input);
+    }
+
+    const SampleWord word = RequestedWord(options, saved, bits_source);
+    Container chosen = Container::Wav;
+    if (!options.format.empty())
+        ContainerByName(options.format, chosen);
+    if (!options.output_dir.empty()) {
+        if (!MakeFolder(options.output_dir, error))
+            return Failed(error);
+        for (size_t i = 0; i < options.inputs.size(); ++i) {
+            const std::string stem = options.inputs[i] == "-" ? "standard-input" : StemOf(options.inputs[i]);
+            const std::string output = options.output_dir + "/" + stem + ContainerExtension(chosen);
+            for (const OutputPlan& plan : request.outputs)
+                if (plan.target.given == output) {
+                    Fail("two inputs would both be written to " + output);
+                    return kExitFailure;
+                }
+            OutputPlan plan{};
+            if (!ResolveTarget(output, plan.target, error))
+                return Failed(error);
+            plan.inputs = {i};
+            plan.container = chosen;
+            plan.word = word;
+            request.outputs.push_back(plan);
+        }
+    } else {
+        OutputPlan plan{};
+        if (!ResolveTarget(options.output, plan.target, error))
+            return Failed(error);
+        plan.container = chosen;
+        // A file needs an extension to go by; standard output, a device or
+        // a FIFO get WAV unless --format says otherwise.
+        const bool file = plan.target.kind == TargetKind::NewFile || plan.target.kind == TargetKind::ExistingFile;
+        if (options.format.empty() && file && !ContainerByExtension(options.output, plan.container)) {
+            Fail("cannot tell the format of " + options.output +
+                 " from its extension: use .wav, .w64, .rf64, .flac or .caf, or --format");
+            return kExitUsage;
+        }
+        for (size_t i = 0; i < options.inputs.size(); ++i)
+            plan.inputs.push_back(i);
+        plan.word = word;
+        request.outputs.push_back(plan);
+    }
+    if (!options.report.empty()) {
+        if (!ResolveTarget(options.report, report, error))
+            return Failed(error);
+        request.report = &report;
+    }
+
+    // Nothing is replaced that should not be.
+    std::vector<OutputTarget*> targets;
+    for (OutputPlan& plan : request.outputs) {
+        for (const std::string& input : options.inputs)
+            if (input != "-" && plan.target.kind != TargetKind::StandardOutput &&
+                Absolute(plan.target.path) == Absolute(input)) {
+                Fail("the output " + plan.target.given + " would replace an input");
+                return kExitFailure;
+            }
+        targets.push_back(&plan.target);
+    }
+    if (request.report != nullptr)
+        targets.push_back(request.report);
+    const bool reads_stdin = std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
+    const bool ask = isatty(STDIN_FILENO) && !reads_stdin;
+    if (!MayReplace(targets, options.overwrite, ask ? stdin : nullptr, UserErrors(), error)) {
+        Fail(error);
+        return kExitFailure;
+    }
+    if (reads_stdin && !CopyStandardInput(work_folder + "/standard-input", error))
+        return Failed(error);
+    return kExitSuccess;
+}
+
+// An ordinary run: the inputs through the processor into the outputs.
+int RenderFiles(const RenderOptions& options, const PluginPaths& paths, RenderContext& context)
+{
+    // The saved settings as they stand; never written.
+    const std::string saved_file = RegStoreFile(kProcessorKeyName);
+    std::vector<RegValue> saved;
+    const bool saved_found = ReadRegKey(saved_file, RegKeyPath(kProcessorKeyName), saved);
+    CheckSavedSettings(saved_file, saved, saved_found);
+
+    RenderRequest request{};
+    OutputTarget report{};
+    const char* bits_source = "";
+    const int planned = PlanFiles(options, saved, context.work_folder, request, report, bits_source);
+    if (planned != kExitSuccess)
+        return planned;
+
+    request.mono_as_stereo = options.mono_as_stereo;
+    request.downmix = options.downmix;
+    request.resample = options.resample;
+    request.gain_db = options.gain_db;
+    request.normalize = options.normalize;
+    request.dither = options.dither;
+    request.two_channel = options.two_channel;
+    // Files in a folder start from a reset processor, unless they are to
+    // run on like a play-list.
+    request.reset_between = options.reset_between || (!options.output_dir.empty() && !options.gapless);
+    request.show_progress = CurrentVerbosity() != Verbosity::Quiet && isatty(STDERR_FILENO);
+    request.settings = saved;
+    ApplyOverrides(options.overrides, request.settings);
+    SetRegString(request.settings, "Out_Plug", paths.writer);
+    const int mode = EffectiveMode(request.settings);
+    if (options.two_channel && mode != kModeHeadphone && mode != kModeEncode)
+        ReportNote("--two-channel drops C, LFE, SL and SR, which mode " + std::to_string(mode) + " uses");
+    if (options.gapless && options.output_dir.empty())
+        ReportNote("--gapless matters only with -o DIR; a joined output always runs on");
+
+    std::string error;
+    RenderSummary summary{};
+    if (!LoadProcessor(context.work_folder, paths, *context.session, error) ||
+        !RunRender(request, context, summary, error)) {
+        DiscardOutputs(request);
+        return Failed(error);
+    }
+    for (const InputSummary& input : summary.inputs)
+        if (input.truncated)
+            ReportWarning("input " + input.name + " is truncated: it holds less than its header says (" +
+                          std::to_string(input.frames) + " frames read)");
+    ReportOvers(summary);
+    if (options.fail_on_clip && (TotalOvers(summary) > 0 || InputOvers(summary) > 0)) {
+        DiscardOutputs(request);
+        Fail("samples went over full scale (--fail-on-clip): nothing written");
+        return kExitClipped;
+    }
+    if (!CommitOutputs(request, error)) {
+        DiscardOutputs(request);
+        return Failed(error);
+    }
+    if (CurrentVerbosity() != Verbosity::Quiet) {
+        // Standard output may be the audio itself.
+        std::FILE* out = options.output == "-" ? UserErrors() : stdout;
+        PrintSettings(SettingsInForce(saved, options.overrides), saved_file, saved_found, summary.processor_bits,
+                      bits_source, out);
+        PrintSummary(summary, out);
+    }
+    return kExitSuccess;
+}
+
 // The whole program after parsing, so that every way out passes the cleanup
 // in main.
 int Run(const RenderOptions& options, const std::string& work_folder, PluginSession& session)
 {
-    std::string error;
     PluginPaths paths{};
     if (!FindPlugins(options, paths))
         return kExitFailure;
-
-    // The saved settings as they stand; never written.
-    const std::string saved_file = RegStoreFile(kProcessorKeyName);
-    std::vector<RegValue> saved;
-    bool saved_found = false;
-    if (options.demo_dir.empty()) {
-        saved_found = ReadRegKey(saved_file, RegKeyPath(kProcessorKeyName), saved);
-        CheckSavedSettings(saved_file, saved, saved_found);
-    }
-
-    RenderRequest request{};
     RenderContext context{&session, work_folder};
-    if (options.demo_dir.empty()) {
-        // Every input must exist before the processor is loaded.
-        for (const std::string& input : options.inputs) {
-            if (input == "-") {
-                request.inputs.push_back(work_folder + "/standard-input");
-                request.input_names.push_back("standard input");
-                continue;
-            }
-            if (!IsFile(input)) {
-                Fail("cannot read input " + input + ": " +
-                     (access(input.c_str(), F_OK) == 0 ? "not a file" : std::strerror(ENOENT)));
-                return kExitFailure;
-            }
-            request.inputs.push_back(input);
-            request.input_names.push_back(input);
-        }
-
-        // The outputs: their places, types and words.
-        const char* bits_source = "";
-        const SampleWord word = RequestedWord(options, saved, bits_source);
-        Container chosen = Container::Wav;
-        if (!options.format.empty())
-            ContainerByName(options.format, chosen);
-        if (!options.output_dir.empty()) {
-            if (!MakeFolder(options.output_dir, error))
-                return Failed(error);
-            for (size_t i = 0; i < options.inputs.size(); ++i) {
-                const std::string stem = options.inputs[i] == "-" ? "standard-input" : StemOf(options.inputs[i]);
-                const std::string output = options.output_dir + "/" + stem + ContainerExtension(chosen);
-                for (const OutputPlan& plan : request.outputs)
-                    if (plan.target.given == output) {
-                        Fail("two inputs would both be written to " + output);
-                        return kExitFailure;
-                    }
-                OutputPlan plan{};
-                if (!ResolveTarget(output, plan.target, error))
-                    return Failed(error);
-                plan.inputs = {i};
-                plan.container = chosen;
-                plan.word = word;
-                request.outputs.push_back(plan);
-            }
-        } else {
-            OutputPlan plan{};
-            if (!ResolveTarget(options.output, plan.target, error))
-                return Failed(error);
-            plan.container = chosen;
-            // A file needs an extension to go by; standard output, a device
-            // or a FIFO get WAV unless --format says otherwise.
-            const bool file = plan.target.kind == TargetKind::NewFile || plan.target.kind == TargetKind::ExistingFile;
-            if (options.format.empty() && file && !ContainerByExtension(options.output, plan.container)) {
-                Fail("cannot tell the format of " + options.output +
-                     " from its extension: use .wav, .w64, .rf64, .flac or .caf, or --format");
-                return kExitUsage;
-            }
-            for (size_t i = 0; i < options.inputs.size(); ++i)
-                plan.inputs.push_back(i);
-            plan.word = word;
-            request.outputs.push_back(plan);
-        }
-        OutputTarget report{};
-        if (!options.report.empty()) {
-            if (!ResolveTarget(options.report, report, error))
-                return Failed(error);
-            request.report = &report;
-        }
-        std::vector<OutputTarget*> targets;
-        for (OutputPlan& plan : request.outputs) {
-            for (const std::string& input : options.inputs)
-                if (input != "-" && plan.target.kind != TargetKind::StandardOutput &&
-                    Absolute(plan.target.path) == Absolute(input)) {
-                    Fail("the output " + plan.target.given + " would replace an input");
-                    return kExitFailure;
-                }
-            targets.push_back(&plan.target);
-        }
-        if (request.report != nullptr)
-            targets.push_back(request.report);
-        const bool reads_stdin = std::find(options.inputs.begin(), options.inputs.end(), "-") != options.inputs.end();
-        const bool ask = isatty(STDIN_FILENO) && !reads_stdin;
-        if (!MayReplace(targets, options.overwrite, ask ? stdin : nullptr, UserErrors(), error)) {
-            Fail(error);
-            return kExitFailure;
-        }
-        if (reads_stdin && !CopyStandardInput(work_folder + "/standard-input", error))
-            return Failed(error);
-
-        request.mono_as_stereo = options.mono_as_stereo;
-        request.downmix = options.downmix;
-        request.resample = options.resample;
-        request.gain_db = options.gain_db;
-        request.normalize = options.normalize;
-        request.dither = options.dither;
-        request.two_channel = options.two_channel;
-        // Files in a folder start from a reset processor, unless they are
-        // to run on like a play-list.
-        request.reset_between = options.reset_between || (!options.output_dir.empty() && !options.gapless);
-        request.show_progress = CurrentVerbosity() != Verbosity::Quiet && isatty(STDERR_FILENO);
-        request.settings = saved;
-        ApplyOverrides(options.overrides, request.settings);
-        SetRegString(request.settings, "Out_Plug", paths.writer);
-        const int mode = EffectiveMode(request.settings);
-        if (options.two_channel && mode != kModeHeadphone && mode != kModeEncode)
-            ReportNote("--two-channel drops C, LFE, SL and SR, which mode " + std::to_string(mode) + " uses");
-        if (options.gapless && options.output_dir.empty())
-            ReportNote("--gapless matters only with -o DIR; a joined output always runs on");
-
-        if (setenv("XDG_CONFIG_HOME", work_folder.c_str(), 1) != 0) {
-            Fail("cannot set XDG_CONFIG_HOME");
-            return kExitFailure;
-        }
-        CaptureProcessorMessages(work_folder + "/processor-messages");
-        if (!LoadPlugin(paths.processor, session, error))
-            return Failed(error);
-        RenderSummary summary{};
-        if (!RunRender(request, context, summary, error)) {
-            DiscardOutputs(request);
-            return Failed(error);
-        }
-        for (const InputSummary& input : summary.inputs)
-            if (input.truncated)
-                ReportWarning("input " + input.name + " is truncated: it holds less than its header says (" +
-                              std::to_string(input.frames) + " frames read)");
-        ReportOvers(summary, options.two_channel);
-        if (options.fail_on_clip && (TotalOvers(summary) > 0 || std::any_of(summary.inputs.begin(),
-                                                                           summary.inputs.end(),
-                                                                           [](const InputSummary& input) {
-                                                                               return input.input_overs > 0;
-                                                                           }))) {
-            DiscardOutputs(request);
-            Fail("samples went over full scale (--fail-on-clip): nothing written");
-            return kExitClipped;
-        }
-        if (!CommitOutputs(request, error)) {
-            DiscardOutputs(request);
-            return Failed(error);
-        }
-        if (CurrentVerbosity() != Verbosity::Quiet) {
-            // Standard output may be the audio itself.
-            const bool audio_on_stdout = options.output == "-";
-            std::FILE* out = audio_on_stdout ? UserErrors() : stdout;
-            PrintSettings(SettingsInForce(saved, options.overrides), saved_file, saved_found, summary.processor_bits,
-                          bits_source, out);
-            PrintSummary(summary, options.two_channel, out);
-        }
-        return kExitSuccess;
-    }
-
-    if (setenv("XDG_CONFIG_HOME", work_folder.c_str(), 1) != 0) {
-        Fail("cannot set XDG_CONFIG_HOME");
-        return kExitFailure;
-    }
-    CaptureProcessorMessages(work_folder + "/processor-messages");
-    if (!LoadPlugin(paths.processor, session, error))
+    if (options.demo_dir.empty())
+        return RenderFiles(options, paths, context);
+    std::string error;
+    if (!LoadProcessor(work_folder, paths, session, error))
         return Failed(error);
     return RunDemo(options, paths, context);
 }

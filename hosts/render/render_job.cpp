@@ -715,6 +715,14 @@ uint64_t TotalOvers(const RenderSummary& summary)
     return total;
 }
 
+uint64_t InputOvers(const RenderSummary& summary)
+{
+    uint64_t total = 0;
+    for (const InputSummary& input : summary.inputs)
+        total += input.input_overs;
+    return total;
+}
+
 double SuggestedGainDb(const RenderSummary& summary)
 {
     double largest = 0.0;
@@ -758,9 +766,8 @@ std::string SignedDb(double db)
 
 }  // namespace
 
-void PrintSummary(const RenderSummary& summary, bool two_channel, std::FILE* out)
+void PrintSummary(const RenderSummary& summary, std::FILE* out)
 {
-    (void)two_channel;
     const double speed = summary.wall_seconds > 0.0 ? summary.audio_seconds / summary.wall_seconds : 0.0;
     if (summary.gain_db != 0.0 || summary.gain_limited)
         std::fprintf(out, "gain before the processor: %s dB%s\n", SignedDb(summary.gain_db).c_str(),
@@ -796,9 +803,8 @@ void PrintSummary(const RenderSummary& summary, bool two_channel, std::FILE* out
                  speed);
 }
 
-void ReportOvers(const RenderSummary& summary, bool two_channel)
+void ReportOvers(const RenderSummary& summary)
 {
-    (void)two_channel;
     for (const InputSummary& input : summary.inputs)
         if (input.input_overs > 0)
             ReportWarning(input.name + ": " + std::to_string(input.input_overs) +

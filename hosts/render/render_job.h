@@ -136,12 +136,15 @@ void DiscardOutputs(RenderRequest& request);
 // The samples over full scale in all outputs.
 uint64_t TotalOvers(const RenderSummary& summary);
 
+// The input samples that the gain or a downmix took past full scale.
+uint64_t InputOvers(const RenderSummary& summary);
+
 // The gain in dB, rounded down to a tenth, that brings the largest level
 // before the conversion in `summary` to kNormalizeTargetDb.
 double SuggestedGainDb(const RenderSummary& summary);
 
 // Prints the closing summary of a run to `out`.
-void PrintSummary(const RenderSummary& summary, bool two_channel, std::FILE* out);
+void PrintSummary(const RenderSummary& summary, std::FILE* out);
 
 // The warnings about clipped samples, one line per channel and output.
-void ReportOvers(const RenderSummary& summary, bool two_channel);
+void ReportOvers(const RenderSummary& summary);

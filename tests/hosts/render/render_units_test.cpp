@@ -4,11 +4,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
+#include <map>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include "test_audio.h"
+#include "hosts/render/engine_meter.h"
 #include "hosts/render/levels.h"
+#include "hosts/render/messages.h"
+#include "hosts/render/output_target.h"
+#include "hosts/render/report.h"
 #include "hosts/render/pcm_source.h"
 #include "platform/posix/reg_file.h"
 #include "hosts/render/render_job.h"
@@ -724,4 +731,232 @@ TEST(Resampler, StreamComesOutWithExactlyTheLengthAskedFor)
         CloseResampler(resampler);
         EXPECT_EQ(out.size(), 2 * ResampledLength(frames, 48000, 22050)) << frames;
     }
+}
+
+// --- Where outputs go ------------------------------------------------------------
+
+TEST(OutputTarget, KindsOfPlaces)
+{
+    TempFolder folder;
+    OutputTarget target{};
+    std::string error;
+    ASSERT_TRUE(ResolveTarget("-", target, error));
+    EXPECT_EQ(target.kind, TargetKind::StandardOutput);
+    ASSERT_TRUE(ResolveTarget(folder.File("new.wav"), target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::NewFile);
+    std::ofstream(folder.File("old.wav")) << "x";
+    ASSERT_TRUE(ResolveTarget(folder.File("old.wav"), target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::ExistingFile);
+    // A link is followed to its end, relative to the link's folder.
+    mkdir(folder.File("sub").c_str(), 0755);
+    ASSERT_EQ(symlink("../old.wav", folder.File("sub/link.wav").c_str()), 0);
+    ASSERT_TRUE(ResolveTarget(folder.File("sub/link.wav"), target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::ExistingFile);
+    EXPECT_EQ(target.path, folder.File("sub/../old.wav"));
+    EXPECT_EQ(target.given, folder.File("sub/link.wav"));
+    ASSERT_EQ(mkfifo(folder.File("fifo").c_str(), 0600), 0);
+    ASSERT_TRUE(ResolveTarget(folder.File("fifo"), target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::WriteThrough);
+    ASSERT_TRUE(ResolveTarget("/dev/null", target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::WriteThrough);
+    EXPECT_FALSE(ResolveTarget(folder.path, target, error));
+    EXPECT_NE(error.find("folder"), std::string::npos) << error;
+    EXPECT_FALSE(ResolveTarget(folder.File("no/such/x.wav"), target, error));
+}
+
+TEST(OutputTarget, ReplacingNeedsYesOrAnAnswer)
+{
+    TempFolder folder;
+    std::ofstream(folder.File("old.wav")) << "x";
+    OutputTarget existing{}, fresh{}, device{};
+    std::string error;
+    ASSERT_TRUE(ResolveTarget(folder.File("old.wav"), existing, error));
+    ASSERT_TRUE(ResolveTarget(folder.File("new.wav"), fresh, error));
+    ASSERT_TRUE(ResolveTarget("/dev/null", device, error));
+    const std::vector<OutputTarget*> all = {&fresh, &device, &existing};
+    const std::vector<OutputTarget*> harmless = {&fresh, &device};
+    EXPECT_TRUE(MayReplace(all, Overwrite::Always, nullptr, nullptr, error));
+    EXPECT_TRUE(MayReplace(harmless, Overwrite::Never, nullptr, nullptr, error));
+    EXPECT_FALSE(MayReplace(all, Overwrite::Never, nullptr, nullptr, error));
+    EXPECT_NE(error.find("not replacing " + folder.File("old.wav")), std::string::npos) << error;
+    EXPECT_FALSE(MayReplace(all, Overwrite::Ask, nullptr, nullptr, error));
+    EXPECT_NE(error.find("give -y"), std::string::npos) << error;
+    // Asked, the answer decides.
+    for (const char* answer : {"y\n", "Yes\n", "n\n", "\n", ""}) {
+        char typed[8] = {};
+        std::snprintf(typed, sizeof typed, "%s", answer);
+        std::FILE* in = fmemopen(typed, std::max<size_t>(1, std::strlen(typed)), "r");
+        char shown[256] = {};
+        std::FILE* out = fmemopen(shown, sizeof shown, "w");
+        const bool yes = MayReplace(all, Overwrite::Ask, in, out, error);
+        std::fclose(in);
+        std::fclose(out);
+        EXPECT_EQ(yes, answer[0] == 'y' || answer[0] == 'Y') << answer;
+        EXPECT_NE(std::string(shown).find("replace " + folder.File("old.wav") + "? [y/N]"), std::string::npos);
+    }
+}
+
+TEST(OutputTarget, ACommittedFileReplacesTheOldOneWithItsPermissions)
+{
+    TempFolder folder;
+    std::ofstream(folder.File("old.wav")) << "old";
+    chmod(folder.File("old.wav").c_str(), 0640);
+    OutputTarget target{};
+    std::string error;
+    ASSERT_TRUE(ResolveTarget(folder.File("old.wav"), target, error));
+    ASSERT_TRUE(PrepareTarget(target, folder.path, error)) << error;
+    EXPECT_EQ(target.temporary.rfind(folder.File(".old.wav.tmp-"), 0), 0u) << target.temporary;
+    std::ofstream(target.temporary) << "new";
+    EXPECT_EQ(ReadWholeFile(folder.File("old.wav")), "old");
+    ASSERT_TRUE(CommitTarget(target, error)) << error;
+    EXPECT_EQ(ReadWholeFile(folder.File("old.wav")), "new");
+    struct stat info{};
+    ASSERT_EQ(stat(folder.File("old.wav").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+    EXPECT_EQ(FolderEntries(folder.path), std::vector<std::string>{"old.wav"});
+}
+
+// --- Settings in force --------------------------------------------------------------
+
+TEST(RenderArgs, EverySettingSaysWhereItsValueCameFrom)
+{
+    std::vector<RegValue> saved;
+    SetRegDword(saved, "Mode", 0);
+    SetRegDword(saved, "Centre_Trim", -3);
+    const RenderOptions options = Parse({"--centre-trim", "4", "--mute", "SL", "i", "o"});
+    const std::vector<SettingInForce> settings = SettingsInForce(saved, options.overrides);
+    ASSERT_EQ(settings.size(), 16u);
+    std::map<std::string, std::pair<int32_t, std::string>> by_name;
+    for (const SettingInForce& setting : settings)
+        by_name[setting.name] = {setting.value, setting.source};
+    EXPECT_EQ(by_name["Mode"], std::make_pair(0, std::string("saved")));
+    EXPECT_EQ(by_name["Centre_Trim"], std::make_pair(4, std::string("option")));
+    EXPECT_EQ(by_name["SL"], std::make_pair(0, std::string("option")));
+    EXPECT_EQ(by_name["Surround_Delay"], std::make_pair(10, std::string("default")));
+    EXPECT_EQ(by_name["Bass_Redir"], std::make_pair(120, std::string("default")));
+    EXPECT_EQ(by_name["L"], std::make_pair(1, std::string("option")));
+}
+
+// --- Messages -------------------------------------------------------------------
+
+TEST(Messages, ThePlugInsLinesOnStandardErrorGoAsideUnlessVerbose)
+{
+    TempFolder folder;
+    SetVerbosity(Verbosity::Normal);
+    ASSERT_TRUE(CaptureProcessorMessages(folder.File("captured")));
+    std::fprintf(stderr, "Kelvane Processor: Failed to open output plugin\n");
+    std::fflush(stderr);
+    EXPECT_NE(UserErrors(), stderr);
+    ReleaseProcessorMessages();
+    EXPECT_EQ(UserErrors(), stderr);
+    EXPECT_EQ(ReadWholeFile(folder.File("captured")), "Kelvane Processor: Failed to open output plugin\n");
+
+    SetVerbosity(Verbosity::Verbose);
+    ASSERT_TRUE(CaptureProcessorMessages(folder.File("verbose")));
+    EXPECT_EQ(UserErrors(), stderr);
+    ReleaseProcessorMessages();
+    EXPECT_EQ(ReadWholeFile(folder.File("verbose")), "");
+    SetVerbosity(Verbosity::Normal);
+}
+
+// --- Levels before the output conversion ------------------------------------------
+
+TEST(Levels, OverFullScaleIsWhereTheOutputWordCannotHoldTheProduct)
+{
+    // 1.0 leaves at 0.85 of full scale; a float of 1.25 gives 34816 at 16
+    // bits, beyond the word; from about 1.1764706 on a sample does not fit.
+    for (int bits : {16, 24, 32}) {
+        EXPECT_FALSE(OverFullScale(1.0f, bits)) << bits;
+        EXPECT_FALSE(OverFullScale(-1.0f, bits)) << bits;
+        EXPECT_FALSE(OverFullScale(1.17f, bits)) << bits;
+        EXPECT_FALSE(OverFullScale(-1.17f, bits)) << bits;
+        EXPECT_TRUE(OverFullScale(1.25f, bits)) << bits;
+        EXPECT_TRUE(OverFullScale(-1.25f, bits)) << bits;
+        EXPECT_TRUE(OverFullScale(1.1764706f, bits)) << bits;
+        EXPECT_TRUE(OverFullScale(std::nanf(""), bits)) << bits;
+        EXPECT_TRUE(OverFullScale(std::numeric_limits<float>::infinity(), bits)) << bits;
+    }
+    // At 16 bits the largest product that fits is 32767.99..., the lowest
+    // -32768.99...; truncation toward zero keeps both.
+    EXPECT_FALSE(OverFullScale(32767.5f / 27852.80078125f, 16));
+    EXPECT_TRUE(OverFullScale(32768.5f / 27852.80078125f, 16));
+    EXPECT_FALSE(OverFullScale(-32768.5f / 27852.80078125f, 16));
+    EXPECT_TRUE(OverFullScale(-32769.5f / 27852.80078125f, 16));
+}
+
+TEST(Levels, OverCountsGoToTheirChannelAndWindow)
+{
+    OverCounts counts{};
+    InitOverCounts(counts, 2);
+    const float quiet[6] = {0.5f, -0.5f, 0.0f, 0.0f, 0.1f, 0.1f};
+    const float loud[6] = {0.5f, -0.5f, 0.0f, 0.0f, 1.3f, -1.2f};
+    AddProcessedFrame(counts, quiet, 16);
+    AddProcessedFrame(counts, quiet, 16);
+    AddProcessedFrame(counts, loud, 16);
+    EXPECT_EQ(counts.frames, 3u);
+    EXPECT_EQ(counts.overs[4], 1u);
+    EXPECT_EQ(counts.overs[5], 1u);
+    EXPECT_EQ(counts.overs[0], 0u);
+    EXPECT_FLOAT_EQ(static_cast<float>(counts.peak[4]), 1.3f);
+    ASSERT_EQ(counts.window_overs.size(), 12u);
+    EXPECT_EQ(counts.window_overs[4], 0u);
+    EXPECT_EQ(counts.window_overs[6 + 4], 1u);
+    EXPECT_EQ(counts.window_overs[6 + 5], 1u);
+    // 1.0 before the conversion is 0.85 of full scale: -1.41 dBFS.
+    EXPECT_NEAR(OutputLevelDb(1.0), 20.0 * std::log10(0.85), 1e-6);
+}
+
+// --- The level report ---------------------------------------------------------------
+
+TEST(Report, EachFileHasItsSectionNameBoundaryAndTimeFromZero)
+{
+    std::vector<ReportFile> files(2);
+    for (size_t f = 0; f < files.size(); ++f) {
+        ReportFile& file = files[f];
+        file.name = f == 0 ? "dir/first.wav" : "second.flac";
+        file.processor_rate = file.output_rate = f == 0 ? 48000 : 24000;
+        InitLevels(file.input, 1, 4800);
+        InitLevels(file.output, 6, 4800);
+        InitOverCounts(file.processed, 4800);
+        // Three seconds for the first, one for the second.
+        const int64_t frames = (f == 0 ? 3 : 1) * file.output_rate;
+        const double level = 0.1;
+        const double six[6] = {0.1, 0.1, 0.1, 0.1, 0.1, 0.1};
+        const float over[6] = {0.0f, 0.0f, 0.0f, 0.0f, f == 1 ? 1.5f : 0.0f, 0.0f};
+        for (int64_t i = 0; i < frames; ++i) {
+            AddLevelFrame(file.input, &level);
+            AddLevelFrame(file.output, six);
+            AddProcessedFrame(file.processed, over, 16);
+        }
+    }
+    const ReportPicture picture = BuildLevelReport(files, false);
+    std::vector<double> lines, zero_marks;
+    std::vector<std::string> texts;
+    int overs = 0;
+    for (const ReportShape& shape : picture.shapes) {
+        if (shape.kind == ReportShape::Line && shape.points[0] == shape.points[2] &&
+            shape.points[3] - shape.points[1] > 100)
+            lines.push_back(shape.points[0]);
+        if (shape.kind == ReportShape::Text) {
+            texts.push_back(shape.text);
+            if (shape.text == "0 s")
+                zero_marks.push_back(shape.points[0]);
+        }
+        if (shape.kind == ReportShape::Rect && shape.colour == "#e00000")
+            ++overs;
+    }
+    // Sections in proportion to the files' lengths: 3 s and 1 s of 800 pixels.
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_DOUBLE_EQ(lines[0], 70.0);
+    EXPECT_DOUBLE_EQ(lines[1], 70.0 + 600.0);
+    ASSERT_EQ(zero_marks.size(), 2u);
+    EXPECT_NEAR(zero_marks[1], 670.0, 3.0);
+    EXPECT_NE(std::find(texts.begin(), texts.end(), "first.wav"), texts.end());
+    EXPECT_NE(std::find(texts.begin(), texts.end(), "second.flac"), texts.end());
+    EXPECT_EQ(std::find(texts.begin(), texts.end(), "3 s"), texts.end()) << "no mark runs on past a file";
+    // One red band per window of the second file, in the SL lane only.
+    EXPECT_EQ(overs, 24000 / 4800);
+    const std::string svg = ReportSvg(picture);
+    EXPECT_NE(svg.find(">second.flac<"), std::string::npos);
+    EXPECT_EQ(svg.rfind("</svg>\n"), svg.size() - 7);
 }
