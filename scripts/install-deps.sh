@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config libfftw3-dev libgtest-dev libbenchmark-dev libsndfile1-dev libsoxr-dev
-          libcairo2-dev zlib1g-dev python3)
+          libcairo2-dev zlib1g-dev)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -34,9 +34,8 @@ void ResetEngineMeter(EngineMeter& meter);
 // yields, six floats each, and their count in `out_frames`.
 const float* MeterWrite(EngineMeter& meter, const uint8_t* source, uint32_t frames, uint32_t& out_frames);
 
-// The largest magnitude that a float may have and still leave within an
-// output word of `bits` bits, and the check itself: the conversion
-// multiplies by 0.85 of full scale and truncates toward zero, so a product
-// of full scale or more (or below one step past negative full scale) does
-// not fit and wraps.
+// True when a float before the conversion does not fit an output word of
+// `bits` bits: the conversion multiplies by 0.85 of full scale and truncates
+// toward zero, so a product of full scale or more, or one step or more past
+// negative full scale, wraps (and so does NaN).
 bool OverFullScale(float sample, int bits);

@@ -112,6 +112,7 @@ void AddProcessedFrame(OverCounts& counts, const float* frame, int bits)
 
 double OutputLevelDb(double magnitude)
 {
-    constexpr double kOutputFactor = 0.85;
+    // 0.85 as the conversion has it: 27852.80078125 / 32768, a little above.
+    constexpr double kOutputFactor = 27852.80078125 / 32768.0;
     return LevelDb(magnitude * kOutputFactor);
 }

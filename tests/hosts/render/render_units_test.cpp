@@ -903,7 +903,7 @@ TEST(Levels, OverCountsGoToTheirChannelAndWindow)
     EXPECT_EQ(counts.window_overs[6 + 4], 1u);
     EXPECT_EQ(counts.window_overs[6 + 5], 1u);
     // 1.0 before the conversion is 0.85 of full scale: -1.41 dBFS.
-    EXPECT_NEAR(OutputLevelDb(1.0), 20.0 * std::log10(0.85), 1e-6);
+    EXPECT_NEAR(OutputLevelDb(1.0), 20.0 * std::log10(0.85), 1e-5);
 }
 
 // --- The level report ---------------------------------------------------------------
