@@ -38,7 +38,6 @@ const std::vector<SettingDefault> kSettingDefaults = {
     {"R", 1},              {"C", 1},                 {"SL", 1},              {"SR", 1},
 };
 constexpr int kDefaultMode = 3;
-constexpr int kDefaultOutBits = 16;
 
 // An option that sets one integer setting within the dialog's range.
 struct RangeOption {
@@ -439,12 +438,6 @@ int EffectiveMode(const std::vector<RegValue>& values)
 {
     const RegValue* value = FindRegValue(values, "Mode");
     return value != nullptr && value->is_dword ? static_cast<int32_t>(value->dword) : kDefaultMode;
-}
-
-int EffectiveOutBits(const std::vector<RegValue>& values)
-{
-    const RegValue* value = FindRegValue(values, "Out_Bits");
-    return value != nullptr && value->is_dword ? static_cast<int32_t>(value->dword) : kDefaultOutBits;
 }
 
 std::string RenderUsage(const std::string& settings_file)

@@ -86,10 +86,9 @@ const char* ModeFileName(int mode);
 // Applies the overrides to the values of a copy of the settings key.
 void ApplyOverrides(const std::vector<SettingOverride>& overrides, std::vector<RegValue>& values);
 
-// The mode and the output word size that a set of values gives the processor,
-// with the processor's defaults (3 and 16) for missing values.
+// The mode that a set of values gives the processor, with the processor's
+// default (3) for a missing value.
 int EffectiveMode(const std::vector<RegValue>& values);
-int EffectiveOutBits(const std::vector<RegValue>& values);
 
 // The numeric settings of the processor's key, in the order of the key, with
 // the processor's default for each.

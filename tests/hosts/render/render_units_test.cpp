@@ -447,7 +447,7 @@ TEST(RenderArgs, OverridesReplaceSavedValuesAndKeepTheRest)
     const RenderOptions options = Parse({"--mode", "4", "--surround-trim", "-2", "i", "o"});
     ApplyOverrides(options.overrides, saved);
     EXPECT_EQ(EffectiveMode(saved), 4);
-    EXPECT_EQ(EffectiveOutBits(saved), 24);
+    EXPECT_EQ(FindRegValue(saved, "Out_Bits")->dword, 24u);
     EXPECT_EQ(FindRegValue(saved, "Surround_Trim_00")->dword, 0xFFFFFFFEu);
     EXPECT_EQ(FindRegValue(saved, "Out_Plug")->text, "out_ds.dll");
 }
@@ -456,7 +456,6 @@ TEST(RenderArgs, MissingValuesTakeTheProcessorDefaults)
 {
     const std::vector<RegValue> none;
     EXPECT_EQ(EffectiveMode(none), 3);
-    EXPECT_EQ(EffectiveOutBits(none), 16);
 }
 
 // --- Levels -------------------------------------------------------------------
