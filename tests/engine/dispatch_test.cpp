@@ -286,7 +286,7 @@ TEST_F(Dispatch, SurroundTrim_StoredValueStaysAndTheOffsetDoesNotAccumulate)
     const float expected = (1.0f * ((0.707f * 0.25f) + (-0.707f * -0.25f))) * Gain(5);
     for (int write = 0; write < 3; ++write) {
         uint32_t frames = 1;
-        ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
         ASSERT_EQ(frames, 1u);
         EXPECT_EQ(TestEngine().FrameBlock.data[4], expected) << "write " << write;
         EXPECT_EQ(TestEngine().FrameBlock.data[5], expected) << "write " << write;
@@ -319,7 +319,7 @@ TEST_F(Dispatch, SettingsWordsReachTheStagesThroughTheRecord)
     std::vector<uint8_t> source =
         Source16(count, 2, [](uint32_t, uint32_t k) { return int16_t(k == 0 ? 16384 : -8192); });
     uint32_t frames = count;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
     ASSERT_EQ(frames, count);
 
     // Matrix, then the switches and gains, in the order the decoder takes them.
@@ -372,7 +372,7 @@ TEST_F(Dispatch, CentreWidthAndVirtualCentreReachTheSteeredDecoder)
     SetSettings(3);
     TestSettings().Centre_Width = 100;
     uint32_t frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
     ASSERT_EQ(frames, 1u);
     EXPECT_NEAR(TestEngine().FrameBlock.data[0], 0.708 * l + 0.666666687 * craw, 1e-5);
     EXPECT_NEAR(TestEngine().FrameBlock.data[1], 0.708 * r + 0.666666687 * craw, 1e-5);
@@ -382,7 +382,7 @@ TEST_F(Dispatch, CentreWidthAndVirtualCentreReachTheSteeredDecoder)
     TestSettings().Centre_Width = 100;
     TestSettings().Virtual_C = 1;
     frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
     ASSERT_EQ(frames, 1u);
     EXPECT_NEAR(TestEngine().FrameBlock.data[0], 0.708 * l + 0.5 * craw, 1e-5);
     EXPECT_NEAR(TestEngine().FrameBlock.data[1], 0.708 * r + 0.5 * craw, 1e-5);
@@ -866,7 +866,7 @@ protected:
         std::vector<uint8_t> old =
             Source16(8192, 2, [](uint32_t i, uint32_t k) { return k == 0 ? OldLeft(i) : OldRight(i); });
         uint32_t frames = 8192;
-        ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, old.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, old.data(), frames);
         ASSERT_EQ(frames, 8192u);
     }
 
@@ -876,7 +876,7 @@ protected:
         std::vector<uint8_t> fresh =
             Source16(count, 2, [](uint32_t i, uint32_t k) { return k == 0 ? NewLeft(i) : NewRight(i); });
         uint32_t frames = count;
-        ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, fresh.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, fresh.data(), frames);
         return frames;
     }
 
@@ -961,7 +961,7 @@ TEST_F(DispatchTail, LeavingHeadphoneModeAddsTheFramesItHeldBack)
     auto held = [](uint32_t i, uint32_t k) { return int16_t(int((i * 7 + k * 13) % 400) * 50 - 10000); };
     std::vector<uint8_t> source = Source16(3000, 6, held);
     uint32_t frames = 3000;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 0u);
     ASSERT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 
@@ -970,7 +970,7 @@ TEST_F(DispatchTail, LeavingHeadphoneModeAddsTheFramesItHeldBack)
     auto fresh = [](uint32_t i, uint32_t k) { return int16_t(int((i * 3 + k * 29) % 500) * 40 - 10000); };
     source = Source16(1152, 6, fresh);
     frames = 1152;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 4152u);
     EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
     for (uint32_t i = 0; i < 1152; ++i)
@@ -995,12 +995,12 @@ TEST_F(DispatchTail, NoTailInMode4)
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = Source16(1152, 2, [](uint32_t i, uint32_t) { return int16_t(i); });
     uint32_t frames = 1152;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, source.data(), frames);
     EXPECT_EQ(frames, 1152u);
     EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 
     frames = 1152;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{1, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{1, 16, 44100, 16}, source.data(), frames);
     EXPECT_EQ(frames, 1152u);
     EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 }
@@ -1010,7 +1010,7 @@ TEST_F(DispatchTail, AfterFlushWithPending3000LeavingMode4AddsNothing)
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = Source16(3000, 2, [](uint32_t i, uint32_t k) { return int16_t(i * 5 + k); });
     uint32_t frames = 3000;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 0u);
     ASSERT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 

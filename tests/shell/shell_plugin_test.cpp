@@ -275,6 +275,37 @@ TEST_F(PluginHost, Write_LengthSevenStereoSixteenBit_OneFrameRestDropped)
     EXPECT_EQ(Words16(writes[0].bytes), (std::vector<int16_t>{9845, -19691, 0, 0, 0, 0}));
 }
 
+TEST_F(PluginHost, Write_ThirtyTwoBitFourChannelsWithPartialFrame_RunOnPassReadsItsBytes)
+{
+    // Two whole frames (words 0..7) and three words of a third: 44 bytes, two
+    // frames. The five-channel pass reads words 0..9, so frame 1 takes words
+    // 8 and 9 of the partial frame as SL and SR.
+    Start(RecorderSettings(0, 32));
+    ASSERT_EQ(module->Open(44100, 4, 32, 0, 0), 0);
+    std::vector<uint8_t> bytes;
+    for (uint32_t k = 0; k < 11; ++k) {
+        const uint32_t w = (k + 1) << 20;  // reads as (k + 1) / 2048 exactly
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes.push_back(uint8_t(w >> shift));
+    }
+    ASSERT_EQ(bytes.size(), 44u);
+    Write(bytes);
+    const auto writes = CallsOf("a", "Write");
+    ASSERT_EQ(writes.size(), 1u);
+    ASSERT_EQ(writes[0].args[0], 2 * 6 * 4);
+    // Bypass: times 0.707, then 0.85 of full scale, truncated.
+    auto word = [](uint32_t k) {
+        const float v = float(k + 1) / 2048.0f;
+        const float passed = v * 0.707f;
+        return int32_t(passed * 1825361152.0f);
+    };
+    const std::vector<int32_t> expected = {word(0), word(1), word(2), 0, word(3), word(4),
+                                           word(5), word(6), word(7), 0, word(8), word(9)};
+    std::vector<int32_t> got(12);
+    std::memcpy(got.data(), writes[0].bytes.data(), 48);
+    EXPECT_EQ(got, expected);
+}
+
 TEST_F(PluginHost, Write_HeadphoneHoldsFrames_ChainedWriteOfLengthZeroAndItsResult)
 {
     Start(RecorderSettings(4, 16));
