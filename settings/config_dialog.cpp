@@ -27,7 +27,14 @@ constexpr UINT_PTR kStatusTimerId = 1;
 constexpr UINT kStatusTimerMilliseconds = 10;
 constexpr uint32_t kReadOutChars = 64;
 constexpr uint32_t kPathBound = 255;         // characters with the terminator
-constexpr DWORD kOpenFileNameBytes = 88;     // the record's size on the host's platform
+// The file dialog's record size: 88 bytes, the record as the host's 32-bit
+// platform has it. A 64-bit build must give its own, larger record's size,
+// or the dialog refuses the call and Select acts as cancelled.
+#ifdef _WIN64
+constexpr DWORD kOpenFileNameBytes = sizeof(OPENFILENAMEW);
+#else
+constexpr DWORD kOpenFileNameBytes = 88;
+#endif
 constexpr DWORD kOpenFileFlags = 0x10021004; // hide read-only, file must exist, no network button, show hidden
 
 static const WCHAR kVersionText[] = KELVANE_TEXT_OF(KELVANE_PRODUCT_VERSION);
