@@ -264,6 +264,43 @@ TEST_F(Dispatch, SurroundTrim_StoredTwoShowsFiveInModes01235AndThreeInMode4)
     }
 }
 
+TEST_F(Dispatch, SurroundTrim_OffsetWrapsAtTheTopOfTheWord)
+{
+    // The stored word plus 3 in 32-bit two's complement: 0x7FFFFFFD + 3 is
+    // 0x80000000, the most negative word.
+    const std::pair<int32_t, int32_t> cases[] = {
+        {0x7FFFFFFD, INT32_MIN}, {0x7FFFFFFE, INT32_MIN + 1}, {0x7FFFFFFF, INT32_MIN + 2}, {INT32_MIN, INT32_MIN + 3}};
+    for (const auto& [stored, expected] : cases) {
+        for (int32_t mode : {0, 1, 4}) {
+            SCOPED_TRACE(::testing::Message() << "stored " << stored << ", mode " << mode);
+            EngineReset(TestEngine());
+            FillSource(64, 2);
+            ProcessorBlock block = MakeBlock(mode, 2, kRawRate, 64);
+            block.Surround_Trim_00 = stored;
+            DispatchMode(TestEngine(), block);
+            EXPECT_EQ(block.Surround_Trim_00, mode == 4 ? 3 : expected);
+        }
+    }
+}
+
+TEST_F(Dispatch, SteeredDecoder_FirstWriteOfZeroFramesMakesNoArrays)
+{
+    // A fresh engine: the band arrays are not made yet, and a write of 0
+    // frames leaves them so and changes no memory.
+    Engine engine;
+    FillSource(64, 2);
+    for (int32_t mode : {2, 3}) {
+        ProcessorBlock block = MakeBlock(mode, 2, 44100, 0);
+        DispatchMode(engine, block);
+        EXPECT_EQ(block.Frames, 0u);
+        EXPECT_EQ(block.Out_Channels, 6);
+    }
+    EXPECT_EQ(engine.Steering.HighBand.data, nullptr);
+    EXPECT_EQ(engine.Steering.LowBand.data, nullptr);
+    EXPECT_EQ(engine.Steering.BandFilter[0].y1, 0.0f);
+    EXPECT_EQ(engine.Steering.SteerFilter[0].y1, 0.0f);
+}
+
 TEST_F(Dispatch, SurroundTrim_FixedDecoderSurroundGainIsTenToThePower0Point15)
 {
     // Input (1.0, -1.0): SL = SR = 0.707 x Gs, with the stored 0 reaching the
