@@ -42,6 +42,21 @@ StreamWords Stream(uint32_t channels, uint32_t bits, int32_t rate, uint32_t outp
 
 float FrameSlot(uint32_t frame, uint32_t slot) { return TestEngine().FrameBlock.data[frame * 6 + slot]; }
 
+// Frame i holds words 5i..5i+4 of the source, w(k) the value of word k, with
+// LFE silent: the four-channel source read by the five-channel pass.
+template <typename WordValue>
+void ExpectStrideOfFive(uint32_t frameCount, WordValue w)
+{
+    for (uint32_t i = 0; i < frameCount; ++i) {
+        EXPECT_EQ(FrameSlot(i, 0), w(5 * i)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 1), w(5 * i + 1)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 2), w(5 * i + 2)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 3), 0.0f) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 4), w(5 * i + 3)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 5), w(5 * i + 4)) << "frame " << i;
+    }
+}
+
 class PcmConversion : public ::testing::Test {
 protected:
     void SetUp() override
@@ -367,14 +382,7 @@ TEST_F(PcmConversion, RunOn32BitFourChannels_ReadsWithAStrideOfFive)
     ASSERT_EQ(frames, frameCount);
 
     auto w = [&](uint32_t k) { return k < frameCount * 4 ? float(k + 1) / 2048.0f : 0.0f; };
-    for (uint32_t i = 0; i < frameCount; ++i) {
-        EXPECT_EQ(FrameSlot(i, 0), w(5 * i)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 1), w(5 * i + 1)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 2), w(5 * i + 2)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 3), 0.0f) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 4), w(5 * i + 3)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 5), w(5 * i + 4)) << "frame " << i;
-    }
+    ExpectStrideOfFive(frameCount, w);
     // And so at the output: frame 1 starts with w5 = 6 / 2048.
     EXPECT_EQ(OutputSample(16, 1, 0), ExpectedWord(6.0f / 2048.0f, 16));
     EXPECT_EQ(OutputSample(16, 7, 0), 0);
@@ -431,14 +439,7 @@ TEST_F(PcmConversion, RunOn32BitFourChannels_ReadsThePartialFrameInsideTheBuffer
     EXPECT_EQ(FrameSlot(6, 2), 33.0f / 2048.0f);
     EXPECT_EQ(FrameSlot(6, 4), 34.0f / 2048.0f);
     EXPECT_EQ(FrameSlot(6, 5), 35.0f / 2048.0f);
-    for (uint32_t i = 0; i < frameCount; ++i) {
-        EXPECT_EQ(FrameSlot(i, 0), w(5 * i)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 1), w(5 * i + 1)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 2), w(5 * i + 2)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 3), 0.0f) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 4), w(5 * i + 3)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 5), w(5 * i + 4)) << "frame " << i;
-    }
+    ExpectStrideOfFive(frameCount, w);
     // And at the output: frame 6 leaves with w30 = 31 / 2048 in its first slot.
     EXPECT_EQ(OutputSample(16, 6, 0), ExpectedWord(31.0f / 2048.0f, 16));
     EXPECT_EQ(OutputSample(16, 7, 0), 0);
