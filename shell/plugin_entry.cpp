@@ -22,7 +22,9 @@ static const char kDescription[] = "Morrowfen Kelvane Processor 0.1.3a";
 // interface thread
 static void Config(HWND hwndParent)
 {
-    // The dialog's own result is of no interest.
+    // Our templates, for a platform that has no resources of its own; the
+    // dialog's own result is of no interest.
+    RegisterDialogTemplates(&ConfigDialogTemplate, 1);
     DialogBoxParamW(OwnModule.hDllInstance, MAKEINTRESOURCEW(kConfigDialogResource), hwndParent,
                     &ConfigDialogProc, 0);
 }
