@@ -229,7 +229,7 @@ TEST_F(SettingsHost, MalformedFile_SilentlyAllDefaults)
 
 TEST_F(SettingsHost, MalformedLines_OnlyThoseValuesTakeDefaults)
 {
-    WriteSettings({"\"Mode\"=dword:1", "\"Out_Bits\"=dword:00000018", "\"Surround_Delay\"=hex:01,02",
+    WriteSettings({"\"Mode\"=dword:000000001", "\"Out_Bits\"=dword:00000018", "\"Surround_Delay\"=hex:01,02",
                    "\"Centre_Width\"=dword:0000zz00", "\"Bass_Redir\"=dword:000000c8", "just words"});
     InitAndSave();
     auto expected = DefaultsWith("Out_Bits", "dword:00000018");
@@ -281,10 +281,7 @@ TEST_F(SettingsHost, Save_ReplacesTheFileWholeByRename)
     EXPECT_NE(newStat.st_ino, oldStat.st_ino);
     ExpectSaved(DefaultsWith("Mode", "dword:00000004"));
     // Nothing but the file is left in its folder.
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(RegFile().parent_path()))
-        names.push_back(entry.path().filename().string());
-    EXPECT_EQ(names, std::vector<std::string>{"Kelvane.reg"});
+    EXPECT_EQ(SettingsFolderNames(), std::vector<std::string>{"Kelvane.reg"});
 }
 
 TEST_F(SettingsHost, SaveThenLoad_ReadsBackEqual)

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -22,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/platform.h"  // the emulated dialog's records and the message numbers
+#include "platform/posix/dialog_emulator.h"  // the emulated dialog's records, the probe, the message numbers
 #include "tests/shell/recording_log.h"
 #include "hosts/out_module_host.h"
 
@@ -119,6 +120,7 @@ protected:
         ::close(fd);
         RecordedCalls().clear();
         Replies() = RecorderReplies{};
+        Probe() = PlatformProbe{};
         window.proc = &HostProc;
     }
 
@@ -162,6 +164,16 @@ protected:
         char hex[16];
         std::snprintf(hex, sizeof hex, "%08x", value);
         return Quoted(name) + "=dword:" + hex;
+    }
+
+    // The names in the settings file's folder, sorted.
+    std::vector<std::string> SettingsFolderNames() const
+    {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(RegFile().parent_path()))
+            names.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
     }
 
     std::string ReadText(const fs::path& path) const
@@ -233,6 +245,26 @@ protected:
     {
         std::fflush(stderr);
         return ReadText(stderrFile);
+    }
+
+    // ---- What the platform saw: message boxes and library releases ----
+
+    static PlatformProbe& Probe() { return PlatformProbeRecord(); }
+
+    static constexpr uint32_t kWarningBox = 0x30;      // MB_OK | MB_ICONEXCLAMATION: every failure message
+    static constexpr uint32_t kInformationBox = 0x40;  // MB_OK | MB_ICONINFORMATION: About
+
+    // Exactly one message box so far, the failure message `text`: no owner,
+    // the plug-in's caption, an OK button and the exclamation icon, and on
+    // standard error the line "<caption>: <text>".
+    void ExpectOneFailureBox(const std::string& text) const
+    {
+        EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: " + text + "\n");
+        EXPECT_EQ(Probe().messageBoxes, 1u);
+        EXPECT_EQ(Probe().lastBoxType, kWarningBox);
+        EXPECT_EQ(Probe().lastBoxOwner, nullptr);
+        EXPECT_EQ(Narrow(Probe().lastBoxCaption), "Kelvane Processor 0.1.3a");
+        EXPECT_EQ(Narrow(Probe().lastBoxText), text);
     }
 
     // The bytes of the last chained Write of a recorder.
