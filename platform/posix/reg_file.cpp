@@ -343,7 +343,9 @@ std::string MergedText(std::string_view old, const std::string& key_path, const 
     std::vector<bool> written(pending.size(), false);
 
     std::string text = std::string(kRegHeader) + "\n";
-    size_t insertAt = std::string::npos;  // behind the last line of our section that is not blank
+    // Behind the last value line of our section, or its header: a comment
+    // further down may well speak of the next section.
+    size_t insertAt = std::string::npos;
     const size_t body = BodyStart(old);
     if (body != std::string_view::npos) {
         bool inKey = false;
@@ -369,7 +371,7 @@ std::string MergedText(std::string_view old, const std::string& key_path, const 
             }
             text += WithoutCr(line);
             text += '\n';
-            if (inKey && kind != LineKind::Blank)
+            if (inKey && (kind == LineKind::Section || kind == LineKind::Other))
                 insertAt = text.size();
         });
     }

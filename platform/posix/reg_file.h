@@ -48,9 +48,9 @@ std::string RegKeyPath(const std::string& maker, const std::string& product);
 bool ReadRegKey(const std::string& file, const std::string& key_path, std::vector<RegValue>& values);
 
 // Saves `values` into section `key_path` of `file`: each replaces the line of
-// its name in place (further lines of that name go), a new name is added at
-// the end of the section, the section is added when missing, and the folders
-// are created. Everything else stays, except that a file without the header
+// its name in place (further lines of that name go), a new name is added
+// behind the section's last value line, the section is added at the end when
+// missing, and the folders are created. Everything else stays, except that a file without the header
 // is replaced whole. A value whose name holds characters that cannot be
 // written (a NUL, text that is not UTF-8) is not written. Temporary files of
 // processes that no longer run are removed. False with `error` set on

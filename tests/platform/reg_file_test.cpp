@@ -232,12 +232,12 @@ TEST_F(RegFileTest, Save_KeepsOtherSectionsCommentsAndUnknownLines)
           "\"Surround_Delay\"=hex:01,02\r\nodd line\r\n\"SR\"=dword:00000000\r\n; last\r\n\r\n" +
           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Third]\r\n\"L\"=\"x\"");
     ASSERT_TRUE(Save({Dword("Mode", 4), Dword("Surround_Delay", 20), Dword("Out_Bits", 24)}));
-    // In place where the name stood, new names at the end of the section;
-    // every line ends in LF.
+    // In place where the name stood, new names behind the section's last
+    // value line; every line ends in LF.
     EXPECT_EQ(Read(), kHeader + "; the processor's settings\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Other]\n" +
                           "\"Mode\"=dword:00000009\n\n[" + kKey + "]\n; the mode\n\"Mode\"=dword:00000004\n" +
-                          "\"Surround_Delay\"=dword:00000014\nodd line\n\"SR\"=dword:00000000\n; last\n" +
-                          "\"Out_Bits\"=dword:00000018\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Third]\n\"L\"=\"x\"\n");
+                          "\"Surround_Delay\"=dword:00000014\nodd line\n\"SR\"=dword:00000000\n" +
+                          "\"Out_Bits\"=dword:00000018\n; last\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Third]\n\"L\"=\"x\"\n");
 }
 
 TEST_F(RegFileTest, Save_OneLineForANameThatStoodTwice)

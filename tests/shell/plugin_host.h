@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -184,14 +185,22 @@ protected:
         return text.str();
     }
 
-    // The value lines of the saved file, by name, as written (right of '=').
+    // The value lines of our key in the saved file, by name, as written
+    // (right of '=').
     std::map<std::string, std::string> SavedValues() const
     {
         std::map<std::string, std::string> values;
         std::istringstream in(ReadText(RegFile()));
         std::string line;
+        bool ours = false;
         while (std::getline(in, line)) {
-            if (line.size() < 3 || line[0] != '"')
+            if (!line.empty() && line[0] == '[') {
+                std::string folded = line;
+                for (char& c : folded)
+                    c = char(std::tolower(static_cast<unsigned char>(c)));
+                ours = folded == "[hkey_local_machine\\software\\morrowfen\\kelvane]";
+            }
+            if (!ours || line.size() < 3 || line[0] != '"')
                 continue;
             const size_t close = line.find("\"=");
             if (close == std::string::npos)
