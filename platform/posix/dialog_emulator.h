@@ -95,5 +95,5 @@ struct PlatformProbe {
     WCHAR lastBoxText[kProbeTextChars];
     // Libraries
     uint32_t libraryLoads;    // LoadLibraryW calls that gave a handle
-    uint32_t libraryReleases; // FreeLibrary calls with a handle, each one reference dropped
+    uint32_t libraryReleases; // FreeLibrary calls, whatever handle they were given
 };

@@ -50,10 +50,10 @@ FARPROC GetProcAddress(HMODULE library, LPCSTR name)
 
 BOOL FreeLibrary(HMODULE library)
 {
-    if (library == nullptr)
-        return FALSE;
     if (PlatformProbe* probe = Probe())
         ++probe->libraryReleases;
+    if (library == nullptr)
+        return FALSE;
     return dlclose(library) == 0 ? TRUE : FALSE;
 }
 

@@ -1,20 +1,11 @@
-// The POSIX stand-ins of the window services, called directly: a dialog is
-// made from the template that its module registered, found by its resource
-// number, and the probe of dialog_emulator.h sees message boxes and library
-// loads and releases.
+// The emulated dialog, called directly: a dialog is made from the template
+// that its module registered, found by its resource number.
 #include <gtest/gtest.h>
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "platform/posix/dialog_emulator.h"
-
-// The probe, among this program's exports.
-extern "C" {
-__attribute__((visibility("default"))) PlatformProbe PosixPlatformProbe = {};
-}
-static_assert(std::string_view(kPlatformProbeSymbol) == "PosixPlatformProbe");
 
 namespace {
 
@@ -63,7 +54,6 @@ protected:
     void SetUp() override
     {
         SeenByProcedure = Seen{};
-        PosixPlatformProbe = PlatformProbe{};
         RegisterDialogTemplates(nullptr, 0);
     }
 };
@@ -99,43 +89,6 @@ TEST_F(DialogEmulator, LaterRegistration_ReplacesTheTable)
     RegisterDialogTemplates(kTemplates + 1, 1);
     EXPECT_EQ(DialogBoxParamW(nullptr, MAKEINTRESOURCEW(310), nullptr, &RecordingProc, 0), -1);
     EXPECT_EQ(DialogBoxParamW(nullptr, MAKEINTRESOURCEW(320), nullptr, &RecordingProc, 0), 42);
-}
-
-// ---- Libraries and message boxes, as the probe sees them ----
-
-TEST_F(DialogEmulator, EmptyLibraryName_LoadsNothing)
-{
-    EXPECT_EQ(LoadLibraryW(u""), nullptr);
-    EXPECT_EQ(LoadLibraryW(nullptr), nullptr);
-    EXPECT_EQ(PosixPlatformProbe.libraryLoads, 0u);
-}
-
-TEST_F(DialogEmulator, LoadsAndReleases_Counted)
-{
-    HMODULE library = LoadLibraryW(u"libm.so.6");
-    ASSERT_NE(library, nullptr);
-    EXPECT_NE(GetProcAddress(library, "cos"), nullptr);
-    EXPECT_EQ(LoadLibraryW(u"/nonexistent/libnothing.so"), nullptr);
-    EXPECT_EQ(PosixPlatformProbe.libraryLoads, 1u);
-    EXPECT_EQ(PosixPlatformProbe.libraryReleases, 0u);
-    EXPECT_EQ(FreeLibrary(library), TRUE);
-    EXPECT_EQ(FreeLibrary(nullptr), FALSE);
-    EXPECT_EQ(PosixPlatformProbe.libraryReleases, 1u);
-}
-
-TEST_F(DialogEmulator, MessageBox_TypeOwnerCaptionAndText)
-{
-    HWND__ owner{nullptr};
-    EXPECT_EQ(MessageBoxW(&owner, u"first\nsecond", u"Caption", MB_OK | MB_ICONINFORMATION), IDOK);
-    EXPECT_EQ(PosixPlatformProbe.messageBoxes, 1u);
-    EXPECT_EQ(PosixPlatformProbe.lastBoxType, 0x40u);
-    EXPECT_EQ(PosixPlatformProbe.lastBoxOwner, &owner);
-    EXPECT_EQ(std::u16string(PosixPlatformProbe.lastBoxCaption), u"Caption");
-    EXPECT_EQ(std::u16string(PosixPlatformProbe.lastBoxText), u"first\nsecond");
-    MessageBoxW(nullptr, u"failed", u"Other", MB_OK | MB_ICONEXCLAMATION);
-    EXPECT_EQ(PosixPlatformProbe.messageBoxes, 2u);
-    EXPECT_EQ(PosixPlatformProbe.lastBoxType, 0x30u);
-    EXPECT_EQ(PosixPlatformProbe.lastBoxOwner, nullptr);
 }
 
 }  // namespace
