@@ -36,18 +36,6 @@ struct KeyPlace {
     std::string section;
 };
 
-// Names compare without regard to ASCII case; this is the form they are
-// looked up by.
-std::u16string Folded(std::u16string_view name)
-{
-    std::u16string out(name);
-    for (char16_t& c : out) {
-        if (c >= u'a' && c <= u'z')
-            c = char16_t(c - u'a' + u'A');
-    }
-    return out;
-}
-
 // One part of a key path that can be a file or folder name.
 bool IsPlainName(const std::string& part)
 {
@@ -88,9 +76,12 @@ struct HKEY__ {
 
 namespace {
 
+// Puts a value into the handle's copy, over one of the same name. A value
+// marked changed stays marked, and the order of first changes is kept for
+// the save.
 void Put(HKEY key, RegistryValue value)
 {
-    const auto [at, added] = key->index.emplace(Folded(value.name), key->values.size());
+    const auto [at, added] = key->index.emplace(WideFoldedNoCase(value.name), key->values.size());
     const bool wasChanged = !added && key->values[at->second].changed;
     if (value.changed && !wasChanged)
         key->changed.push_back(at->second);
@@ -190,7 +181,7 @@ LSTATUS RegQueryValueExW(HKEY key, LPCWSTR name, LPDWORD, LPDWORD type, LPBYTE d
         return ERROR_INVALID_HANDLE;
     if (name == nullptr)
         return ERROR_FILE_NOT_FOUND;
-    const auto found = key->index.find(Folded(std::u16string_view(name, WideCharCount(name))));
+    const auto found = key->index.find(WideFoldedNoCase(std::u16string_view(name, WideCharCount(name))));
     if (found == key->index.end())
         return ERROR_FILE_NOT_FOUND;
     const RegistryValue& value = key->values[found->second];

@@ -181,13 +181,14 @@ UINT TypeOfBox(HWND window)
         return kUnknownType;
     if (parts.icon == nullptr)
         return type;
+    // The system's icons by number (IDI_HAND to IDI_ASTERISK), which are
+    // shared: every load gives the handle that the box shows.
     const struct {
-        LPCWSTR icon;
+        WORD icon;
         UINT flag;
-    } icons[] = {{IDI_HAND, MB_ICONHAND}, {IDI_QUESTION, MB_ICONQUESTION}, {IDI_EXCLAMATION, MB_ICONEXCLAMATION},
-                 {IDI_ASTERISK, MB_ICONASTERISK}};
+    } icons[] = {{32513, MB_ICONHAND}, {32514, MB_ICONQUESTION}, {32515, MB_ICONEXCLAMATION}, {32516, MB_ICONASTERISK}};
     for (const auto& known : icons) {
-        if (parts.icon == LoadIconW(nullptr, known.icon))
+        if (parts.icon == LoadIconW(nullptr, MAKEINTRESOURCEW(known.icon)))
             return type | known.flag;
     }
     return kUnknownType;
