@@ -32,30 +32,16 @@ constexpr size_t kMaxPidDigits = 10;  // a pid_t in decimal
 
 // ---- Text ----
 
-char FoldCase(char c)
-{
-    return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c;
-}
-
 // Names of keys and values compare without regard to ASCII case, as in the
-// registry; this is the form they are looked up by.
+// registry.
 std::string Folded(std::string_view text)
 {
-    std::string out(text);
-    for (char& c : out)
-        c = FoldCase(c);
-    return out;
+    return FoldedNoCase(text);
 }
 
 bool EqualNoCase(std::string_view a, std::string_view b)
 {
-    if (a.size() != b.size())
-        return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (FoldCase(a[i]) != FoldCase(b[i]))
-            return false;
-    }
-    return true;
+    return a.size() == b.size() && Folded(a) == Folded(b);
 }
 
 bool IsBlank(char c)

@@ -81,7 +81,7 @@ namespace {
 // the save.
 void Put(HKEY key, RegistryValue value)
 {
-    const auto [at, added] = key->index.emplace(WideFoldedNoCase(value.name), key->values.size());
+    const auto [at, added] = key->index.emplace(FoldedNoCase<char16_t>(value.name), key->values.size());
     const bool wasChanged = !added && key->values[at->second].changed;
     if (value.changed && !wasChanged)
         key->changed.push_back(at->second);
@@ -181,7 +181,7 @@ LSTATUS RegQueryValueExW(HKEY key, LPCWSTR name, LPDWORD, LPDWORD type, LPBYTE d
         return ERROR_INVALID_HANDLE;
     if (name == nullptr)
         return ERROR_FILE_NOT_FOUND;
-    const auto found = key->index.find(WideFoldedNoCase(std::u16string_view(name, WideCharCount(name))));
+    const auto found = key->index.find(FoldedNoCase(std::u16string_view(name, WideCharCount(name))));
     if (found == key->index.end())
         return ERROR_FILE_NOT_FOUND;
     const RegistryValue& value = key->values[found->second];

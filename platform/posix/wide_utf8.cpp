@@ -154,14 +154,6 @@ int WideCompareNoCase(std::u16string_view a, std::u16string_view b)
     return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
 }
 
-std::u16string WideFoldedNoCase(std::u16string_view text)
-{
-    std::u16string out(text);
-    for (char16_t& c : out)
-        c = FoldCase(c);
-    return out;
-}
-
 bool WideEqualNoCase(std::u16string_view a, std::u16string_view b)
 {
     return a.size() == b.size() && WideCompareNoCase(a, b) == 0;

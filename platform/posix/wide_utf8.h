@@ -30,8 +30,18 @@ void CopyWideBounded(char16_t* target, const char16_t* source, size_t count);
 // Equal when folded to upper case in the ASCII range, as registry names and
 // combo-box items compare.
 bool WideEqualNoCase(std::u16string_view a, std::u16string_view b);
-// `text` folded that way: the form to look such names up by.
-std::u16string WideFoldedNoCase(std::u16string_view text);
 // Below zero, zero or above zero as `a` sorts before, with or after `b`,
 // folded the same way.
 int WideCompareNoCase(std::u16string_view a, std::u16string_view b);
+
+// 8-bit or 16-bit text folded that way: the form to look names up by.
+template <typename Char>
+std::basic_string<Char> FoldedNoCase(std::basic_string_view<Char> text)
+{
+    std::basic_string<Char> out(text);
+    for (Char& c : out) {
+        if (c >= Char('a') && c <= Char('z'))
+            c = Char(c - Char('a') + Char('A'));
+    }
+    return out;
+}
