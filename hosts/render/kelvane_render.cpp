@@ -189,7 +189,7 @@ int Run(const RenderOptions& options, const std::string& work_folder, PluginSess
     // The saved settings as they stand; never written.
     std::vector<RegValue> saved;
     if (options.demo_dir.empty())
-        ReadRegKey(RegStoreFile(kProcessorKeyName), RegKeyPath(kProcessorKeyName), saved);
+        ReadRegKey(RegStoreFile(kMakerKeyName, kProcessorKeyName), RegKeyPath(kMakerKeyName, kProcessorKeyName), saved);
 
     // Every input must exist before the processor is loaded.
     for (const std::string& input : options.inputs)

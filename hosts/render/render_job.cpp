@@ -343,8 +343,8 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
     }
 
     // The processor's private settings store for this run.
-    const std::string store = context.work_folder + "/Morrowfen/" + kProcessorKeyName + ".reg";
-    if (!WriteRegKey(store, RegKeyPath(kProcessorKeyName), request.settings, error))
+    const std::string store = context.work_folder + "/" + kMakerKeyName + "/" + kProcessorKeyName + ".reg";
+    if (!WriteRegKey(store, RegKeyPath(kMakerKeyName, kProcessorKeyName), request.settings, error))
         return false;
 
     host::Out_Module* module = context.session->module;
@@ -380,7 +380,8 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         const std::string piece = context.work_folder + "/piece-" + std::to_string(i) + ".wav";
         std::vector<RegValue> writer;
         SetRegString(writer, "Out_File", piece);
-        if (!WriteRegKey(context.work_folder + "/Morrowfen/OutWav.reg", RegKeyPath("OutWav"), writer, error))
+        if (!WriteRegKey(context.work_folder + "/" + kMakerKeyName + "/OutWav.reg", RegKeyPath(kMakerKeyName, "OutWav"),
+                         writer, error))
             return false;
         run.pieces.push_back(piece);
 

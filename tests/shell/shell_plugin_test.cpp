@@ -150,6 +150,11 @@ TEST_F(PluginHost, About_WorksWithoutInitChainedPluginOrPlayback)
     EXPECT_GT(split, 0u);
     EXPECT_LT(split + 3, body.size());
     EXPECT_TRUE(RecordedCalls().empty());
+    // Owned by the host's window, with an OK button and the information icon.
+    EXPECT_EQ(Probe().messageBoxes, 1u);
+    EXPECT_EQ(Probe().lastBoxType, kInformationBox);
+    EXPECT_EQ(Probe().lastBoxOwner, reinterpret_cast<HWND>(&window));
+    EXPECT_EQ(Narrow(Probe().lastBoxCaption), "About Kelvane Processor");
 }
 
 // ---- The lifecycle ----
@@ -204,7 +209,8 @@ TEST_F(PluginHost, Lifecycle_LoadInitOpenWriteForwardFlushCloseQuit)
 
     module->Quit();
     EXPECT_EQ(window.proc, &HostProc);
-    // Released: the recorder has left the process.
+    // Released once: the recorder has left the process.
+    EXPECT_EQ(Probe().libraryReleases, 1u);
     EXPECT_EQ(CallsOf("a", "unload").size(), 1u);
     // Never called on the chained plug-in.
     EXPECT_TRUE(CallsOf("a", "Init").empty());
@@ -282,7 +288,7 @@ TEST_F(PluginHost, Open_MissingLibrary_MessageAndMinusOne_LaterOpenRetries)
     const fs::path missing = root / "later" / "out_late.so";
     Start(RecorderSettings(0, 16, missing.c_str()));
     EXPECT_EQ(module->Open(44100, 2, 16, 0, 0), -1);
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Failed to open output plugin\n");
+    ExpectOneFailureBox("Failed to open output plugin");
     EXPECT_TRUE(RecordedCalls().empty());
     // SetVolume and SetPan stay guarded after the failed load.
     module->SetVolume(10);
@@ -295,7 +301,21 @@ TEST_F(PluginHost, Open_MissingLibrary_MessageAndMinusOne_LaterOpenRetries)
     EXPECT_EQ(module->Open(48000, 2, 16, 0, 0), 0);
     ASSERT_EQ(CallsOf("a", "Open").size(), 1u);
     EXPECT_EQ(CallsOf("a", "Open")[0].args[0], 48000);
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Failed to open output plugin\n");
+    ExpectOneFailureBox("Failed to open output plugin");
+}
+
+TEST_F(PluginHost, Open_EmptyOutPlug_LoadsNothing_MessageAndMinusOne)
+{
+    // No library has an empty name; the host program is not one either.
+    Start({StringValue("Out_Plug", ""), DwordValue("Mode", 0)});
+    EXPECT_EQ(module->Open(44100, 2, 16, 0, 0), -1);
+    ExpectOneFailureBox("Failed to open output plugin");
+    EXPECT_EQ(Probe().libraryLoads, 0u);
+    EXPECT_TRUE(RecordedCalls().empty());
+    // Still nothing at the next Open, and the same message again.
+    EXPECT_EQ(module->Open(44100, 2, 16, 0, 0), -1);
+    EXPECT_EQ(Probe().messageBoxes, 2u);
+    EXPECT_EQ(Probe().lastBoxType, kWarningBox);
 }
 
 TEST_F(PluginHost, Write_LengthSevenStereoSixteenBit_OneFrameRestDropped)
@@ -558,6 +578,8 @@ TEST_F(PluginHost, Quit_WithoutAnyLibrary_RestoresTheProcedure)
     ASSERT_NE(window.proc, &HostProc);
     module->Quit();
     EXPECT_EQ(window.proc, &HostProc);
+    // No library, so no FreeLibrary.
+    EXPECT_EQ(Probe().libraryReleases, 0u);
     EXPECT_TRUE(RecordedCalls().empty());
     EXPECT_EQ(SendCommand(kCommand, kStop), kHostReply);
 }
@@ -569,6 +591,7 @@ TEST_F(PluginHost, InitAfterQuit_StartsUnloadedAndLoadsAgain)
     module->Close();
     module->Quit();
     ASSERT_EQ(CallsOf("a", "unload").size(), 1u);
+    EXPECT_EQ(Probe().libraryReleases, 1u);
     module->Init();
     // Library 0: the guarded calls do nothing.
     module->SetVolume(1);
@@ -578,6 +601,7 @@ TEST_F(PluginHost, InitAfterQuit_StartsUnloadedAndLoadsAgain)
     EXPECT_EQ(CallsOf("a", "load").size(), 2u);
     EXPECT_EQ(CallsOf("a", "Open").size(), 2u);
     module->Quit();
+    EXPECT_EQ(Probe().libraryReleases, 2u);
     EXPECT_EQ(window.proc, &HostProc);
 }
 
