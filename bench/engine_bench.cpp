@@ -12,6 +12,7 @@
 #include "engine/pcm_conversion.h"
 #include "signal/processor.h"
 #include "tests/support/engine_settings.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -24,8 +25,9 @@ void WriteInMode(benchmark::State& state, uint32_t channels)
     settings.Mode = int32_t(state.range(0));
     settings.Surround_Delay = 10;
     settings.Bass_Redir_Enable = 1;
-    ApplySettings(settings);
-    EngineReset();
+    ProcessorSettingsRecord record;
+    ApplySettings(settings, record);
+    Engine engine;
     const StreamWords stream = {channels, 16, 44100, 16};
     std::vector<int16_t> pcm(kFrames * channels);
     uint32_t seed = 12345;
@@ -35,8 +37,8 @@ void WriteInMode(benchmark::State& state, uint32_t channels)
     }
     for (auto _ : state) {
         uint32_t frames = kFrames;
-        ConvertAndProcess(stream, reinterpret_cast<const uint8_t*>(pcm.data()), frames);
-        benchmark::DoNotOptimize(PcmBlock.data);
+        ConvertWholeFrames(engine, record, stream, reinterpret_cast<const uint8_t*>(pcm.data()), frames);
+        benchmark::DoNotOptimize(engine.PcmBlock.data);
     }
     state.SetItemsProcessed(int64_t(state.iterations()) * kFrames);
 }
@@ -49,7 +51,7 @@ void BM_EngineConstruction(benchmark::State& state)
         // Forget what the planner learned, so that each construction
         // measures its plans anew as a fresh process does.
         fftwf_forget_wisdom();
-        EngineStateRecord* engine = new EngineStateRecord();
+        Engine* engine = new Engine();
         benchmark::DoNotOptimize(engine);
         delete engine;
     }

@@ -41,7 +41,7 @@ void ApplyMatrix6x2(const float matrix[kMatrixFloats], ProcessorBlock& block)
     }
 }
 
-void FixedMatrixDecode(ProcessorBlock& block)
+void FixedMatrixDecode(SurroundTailState& tail, ProcessorBlock& block)
 {
     float matrix[kMatrixFloats];
     LoadFixedMatrix(matrix);
@@ -78,5 +78,5 @@ void FixedMatrixDecode(ProcessorBlock& block)
         f[kSlotSR] = (switchSR * f[kSlotSR]) * Gs;
     }
 
-    SurroundTail(block);
+    SurroundTail(tail, block);
 }

@@ -13,7 +13,6 @@
 
 #include "decoders/steering_detect.h"
 #include "filters/surround_tail.h"
-#include "engine/engine.h"
 #include "signal/frame.h"
 #include "signal/gain.h"
 
@@ -96,15 +95,15 @@ SteeredRows MakeSteeredRows(const SteeringTerms& e)
     return m;
 }
 
-void SteeredMatrixDecode(ProcessorBlock& block)
+void SteeredMatrixDecode(SteeringState& steering, SurroundTailState& tail, ProcessorBlock& block)
 {
     const uint32_t frames = block.Frames;
-    EngineState.HighBand.Resize(2 * frames, false);
-    EngineState.LowBand.Resize(2 * frames, false);
-    EngineState.SteerHighLR.Resize(frames, false);
-    EngineState.SteerHighCS.Resize(frames, false);
-    EngineState.SteerLowLR.Resize(frames, false);
-    EngineState.SteerLowCS.Resize(frames, false);
+    steering.HighBand.Resize(2 * frames, false);
+    steering.LowBand.Resize(2 * frames, false);
+    steering.SteerHighLR.Resize(frames, false);
+    steering.SteerHighCS.Resize(frames, false);
+    steering.SteerLowLR.Resize(frames, false);
+    steering.SteerLowCS.Resize(frames, false);
 
     const float Gc = DecibelGain(block.Centre_Trim);
     const float Gs = DecibelGain(block.Surround_Trim_00);  // already holds the +3
@@ -117,20 +116,20 @@ void SteeredMatrixDecode(ProcessorBlock& block)
     const bool singleSurround = block.Mode == 2;
     const bool virtualCentre = block.Virtual_C != 0;
 
-    BandSplit(block);
-    SteeringDetect(block, EngineState.HighBand.data, EngineState.SteerFilter[0],
-                   EngineState.SteerFilter[1], EngineState.SteerHighLR.data,
-                   EngineState.SteerHighCS.data);
-    SteeringDetect(block, EngineState.LowBand.data, EngineState.SteerFilter[2],
-                   EngineState.SteerFilter[3], EngineState.SteerLowLR.data,
-                   EngineState.SteerLowCS.data);
+    BandSplit(steering, block);
+    SteeringDetect(block, steering.HighBand.data, steering.SteerFilter[0],
+                   steering.SteerFilter[1], steering.SteerHighLR.data,
+                   steering.SteerHighCS.data);
+    SteeringDetect(block, steering.LowBand.data, steering.SteerFilter[2],
+                   steering.SteerFilter[3], steering.SteerLowLR.data,
+                   steering.SteerLowCS.data);
 
-    const float* high = EngineState.HighBand.data;
-    const float* low = EngineState.LowBand.data;
-    const float* highX = EngineState.SteerHighLR.data;
-    const float* highY = EngineState.SteerHighCS.data;
-    const float* lowX = EngineState.SteerLowLR.data;
-    const float* lowY = EngineState.SteerLowCS.data;
+    const float* high = steering.HighBand.data;
+    const float* low = steering.LowBand.data;
+    const float* highX = steering.SteerHighLR.data;
+    const float* highY = steering.SteerHighCS.data;
+    const float* lowX = steering.SteerLowLR.data;
+    const float* lowY = steering.SteerLowCS.data;
     float* f = block.Block->data;
     for (uint32_t i = 0; i < frames; ++i, f += kFrameFloats) {
         const BandValues h = BandRows(highX[i], highY[i], high[2 * i], high[2 * i + 1]);
@@ -170,5 +169,5 @@ void SteeredMatrixDecode(ProcessorBlock& block)
         f[kSlotSR] = SRo * switchSR;
     }
 
-    SurroundTail(block);
+    SurroundTail(tail, block);
 }

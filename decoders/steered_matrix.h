@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "decoders/steering_detect.h"
+#include "filters/surround_tail.h"
 #include "signal/processor.h"
 
 // The four exponential terms of one band from its smoothed steering.
@@ -28,4 +30,4 @@ struct SteeredRows {
 
 SteeredRows MakeSteeredRows(const SteeringTerms& e);
 
-void SteeredMatrixDecode(ProcessorBlock& block);
+void SteeredMatrixDecode(SteeringState& steering, SurroundTailState& tail, ProcessorBlock& block);

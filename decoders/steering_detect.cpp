@@ -8,7 +8,6 @@
 
 #include <cmath>
 
-#include "engine/engine.h"
 #include "signal/frame.h"
 
 namespace {
@@ -43,17 +42,17 @@ void SteeringPair(float l, float r, float& x, float& y)
     y = LogRatio(Magnitude(p), Magnitude(m));
 }
 
-void BandSplit(ProcessorBlock& block)
+void BandSplit(SteeringState& steering, ProcessorBlock& block)
 {
-    float* high = EngineState.HighBand.data;
-    float* low = EngineState.LowBand.data;
+    float* high = steering.HighBand.data;
+    float* low = steering.LowBand.data;
     const float* f = block.Block->data;
     for (uint32_t i = 0; i < block.Frames; ++i, f += kFrameFloats) {
         high[2 * i] = f[kSlotL];
         high[2 * i + 1] = f[kSlotR];
     }
-    HighPass2(EngineState.BandFilter[0], high, 0, kBandSplit, 2, block);
-    HighPass2(EngineState.BandFilter[1], high, 1, kBandSplit, 2, block);
+    HighPass2(steering.BandFilter[0], high, 0, kBandSplit, 2, block);
+    HighPass2(steering.BandFilter[1], high, 1, kBandSplit, 2, block);
     f = block.Block->data;
     for (uint32_t i = 0; i < block.Frames; ++i, f += kFrameFloats) {
         low[2 * i] = f[kSlotL] - high[2 * i];

@@ -4,6 +4,20 @@
 
 #include "filters/second_order.h"
 #include "signal/processor.h"
+#include "signal/sample_block.h"
+
+// The steered decoder's memory and scratch, part of the engine. The arrays
+// are made at first use and grow with the write; a reset leaves them alone.
+struct SteeringState {
+    FilterState BandFilter[2] = {};   // 1200 Hz band split, L and R
+    FilterState SteerFilter[4] = {};  // 7.95 Hz smoothers: high x, high y, low x, low y
+    SampleBlock HighBand;             // 2 x Frames, interleaved high band
+    SampleBlock LowBand;              // 2 x Frames, interleaved low band
+    SampleBlock SteerHighLR;          // Frames, x of the high band
+    SampleBlock SteerHighCS;          // Frames, y of the high band
+    SampleBlock SteerLowLR;           // Frames, x of the low band
+    SampleBlock SteerLowCS;           // Frames, y of the low band
+};
 
 constexpr float kSteeringLeak = 0.1f;        // 0.10000000149011612
 constexpr float kSteeringSmoother = 7.95f;   // 7.949999809265137 Hz
@@ -13,7 +27,7 @@ constexpr float kSteeringSmoother = 7.95f;   // 7.949999809265137 Hz
 void SteeringPair(float l, float r, float& x, float& y);
 
 // HighBand = 1200 Hz high-pass of slots 0 and 1; LowBand = input - HighBand.
-void BandSplit(ProcessorBlock& block);
+void BandSplit(SteeringState& steering, ProcessorBlock& block);
 
 // Detects x and y for every frame of the interleaved band, then smooths the
 // two arrays in place with the 7.95 Hz low-pass.

@@ -19,7 +19,6 @@
 #include <type_traits>
 
 #include "encoders/impulse_tables.h"
-#include "engine/engine.h"
 #include "signal/frame.h"
 
 static_assert(std::is_same_v<fftwf_plan, FftPlan>, "the engine holds FFTW's own plan handles");
@@ -61,11 +60,11 @@ fftwf_plan InversePlan(SampleBlock& block)
 
 // Collects `count` frames starting at `frames` into the five input blocks at
 // float `at`, each speaker times its switch.
-void Collect(const ProcessorBlock& block, const float* frames, uint32_t count, uint32_t at)
+void Collect(HeadphoneConvolver& convolver, const ProcessorBlock& block, const float* frames, uint32_t count, uint32_t at)
 {
     float* inputs[kSpeakers];
     for (int s = 0; s < kSpeakers; ++s)
-        inputs[s] = EngineState.InputBlock[s].data + at;
+        inputs[s] = convolver.InputBlock[s].data + at;
     const int32_t switches[kSpeakers] = {block.L, block.R, block.C, block.SL, block.SR};
     const float* f = frames;
     for (uint32_t m = 0; m < count; ++m, f += kFrameFloats)
@@ -86,27 +85,27 @@ void MultiplySpectra(const float* x, const float* a, float* out)
 
 // One whole block of collected input: transforms, products, overlap-add into
 // `ears` (16384 floats, ears interleaved).
-void ConvolveBlock(float* ears)
+void ConvolveBlock(HeadphoneConvolver& convolver, float* ears)
 {
     for (int s = 0; s < kSpeakers; ++s)
-        std::memset(EngineState.InputBlock[s].data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
+        std::memset(convolver.InputBlock[s].data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
     for (int s = 0; s < kSpeakers; ++s)
-        fftwf_execute(EngineState.InputPlan[s]);
+        fftwf_execute(convolver.InputPlan[s]);
     for (int s = 0; s < kSpeakers; ++s) {
         const int p = 2 * s;
-        const float* x = EngineState.InputBlock[s].data;
-        MultiplySpectra(x, EngineState.ImpulseSpectrum[kRoutes[s].firstTable].data,
-                        EngineState.ProductBlock[p].data);
-        MultiplySpectra(x, EngineState.ImpulseSpectrum[kRoutes[s].secondTable].data,
-                        EngineState.ProductBlock[p + 1].data);
-        fftwf_execute(EngineState.ProductPlan[p]);
-        fftwf_execute(EngineState.ProductPlan[p + 1]);
+        const float* x = convolver.InputBlock[s].data;
+        MultiplySpectra(x, convolver.ImpulseSpectrum[kRoutes[s].firstTable].data,
+                        convolver.ProductBlock[p].data);
+        MultiplySpectra(x, convolver.ImpulseSpectrum[kRoutes[s].secondTable].data,
+                        convolver.ProductBlock[p + 1].data);
+        fftwf_execute(convolver.ProductPlan[p]);
+        fftwf_execute(convolver.ProductPlan[p + 1]);
     }
 
     const float* P[kProducts];
     for (int p = 0; p < kProducts; ++p)
-        P[p] = EngineState.ProductBlock[p].data;
-    float* overlap = EngineState.OverlapBlock.data;
+        P[p] = convolver.ProductBlock[p].data;
+    float* overlap = convolver.OverlapBlock.data;
     for (uint32_t i = 0; i < kBlockFrames; ++i) {
         const uint32_t j = i + kBlockFrames;
         // Left ear: products 0, 3, 4, 6, 9. Right ear: 1, 2, 5, 7, 8. The sum
@@ -122,63 +121,63 @@ void ConvolveBlock(float* ears)
 
 }  // namespace
 
-void BuildHeadphoneConvolver(EngineStateRecord& engine)
+void BuildHeadphoneConvolver(HeadphoneConvolver& convolver)
 {
     // The planner may scribble on its array, so every array is filled after
     // its plan exists.
     for (int t = 0; t < kImpulseTableCount; ++t)
-        engine.ImpulseSpectrum[t].Resize(kSpectrumFloats, false);
+        convolver.ImpulseSpectrum[t].Resize(kSpectrumFloats, false);
     for (int t = 0; t < kImpulseTableCount; ++t) {
-        SampleBlock& spectrum = engine.ImpulseSpectrum[t];
+        SampleBlock& spectrum = convolver.ImpulseSpectrum[t];
         // Overwritten for each table: the first five handles are dropped and
         // never destroyed, on purpose.
-        engine.ImpulsePlan = ForwardPlan(spectrum);
+        convolver.ImpulsePlan = ForwardPlan(spectrum);
         CopyImpulseTable(t, spectrum.data);
         std::memset(spectrum.data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
-        fftwf_execute(engine.ImpulsePlan);
+        fftwf_execute(convolver.ImpulsePlan);
     }
     for (int s = 0; s < kSpeakers; ++s)
-        engine.InputBlock[s].Resize(kSpectrumFloats, false);
+        convolver.InputBlock[s].Resize(kSpectrumFloats, false);
     for (int s = 0; s < kSpeakers; ++s)
-        engine.InputPlan[s] = ForwardPlan(engine.InputBlock[s]);
+        convolver.InputPlan[s] = ForwardPlan(convolver.InputBlock[s]);
     for (int p = 0; p < kProducts; ++p)
-        engine.ProductBlock[p].Resize(kSpectrumFloats, false);
+        convolver.ProductBlock[p].Resize(kSpectrumFloats, false);
     for (int p = 0; p < kProducts; ++p)
-        engine.ProductPlan[p] = InversePlan(engine.ProductBlock[p]);
-    engine.OverlapBlock.Resize(kTransformLength, true);
-    engine.Pending_Frames = 0;
+        convolver.ProductPlan[p] = InversePlan(convolver.ProductBlock[p]);
+    convolver.OverlapBlock.Resize(kTransformLength, true);
+    convolver.Pending_Frames = 0;
 }
 
-void DestroyHeadphonePlans(EngineStateRecord& engine)
+void DestroyHeadphonePlans(HeadphoneConvolver& convolver)
 {
     for (int s = 0; s < kSpeakers; ++s)
-        fftwf_destroy_plan(engine.InputPlan[s]);
-    fftwf_destroy_plan(engine.ImpulsePlan);
+        fftwf_destroy_plan(convolver.InputPlan[s]);
+    fftwf_destroy_plan(convolver.ImpulsePlan);
     for (int p = 0; p < kProducts; ++p)
-        fftwf_destroy_plan(engine.ProductPlan[p]);
+        fftwf_destroy_plan(convolver.ProductPlan[p]);
 }
 
-void ConvolveHeadphone(ProcessorBlock& block)
+void ConvolveHeadphone(HeadphoneConvolver& convolver, ProcessorBlock& block)
 {
     const uint32_t n = block.Frames;
-    const uint32_t blocks = (n + EngineState.Pending_Frames) >> 13;
+    const uint32_t blocks = (n + convolver.Pending_Frames) >> 13;
     uint32_t r = 0;
 
-    float* ears = EngineState.EarBlock.Resize(blocks * kTransformLength, true);
+    float* ears = convolver.EarBlock.Resize(blocks * kTransformLength, true);
     for (uint32_t j = 0; j < blocks; ++j) {
-        const uint32_t c = kBlockFrames - EngineState.Pending_Frames;
-        Collect(block, block.Block->data + std::size_t(r) * kFrameFloats, c,
-                EngineState.Pending_Frames);
+        const uint32_t c = kBlockFrames - convolver.Pending_Frames;
+        Collect(convolver, block, block.Block->data + std::size_t(r) * kFrameFloats, c,
+                convolver.Pending_Frames);
         r += c;
-        EngineState.Pending_Frames = 0;
-        ConvolveBlock(ears + std::size_t(j) * kTransformLength);
+        convolver.Pending_Frames = 0;
+        ConvolveBlock(convolver, ears + std::size_t(j) * kTransformLength);
     }
 
     // The frames behind the last whole block wait for the next call.
     const uint32_t rest = n - r;
-    Collect(block, block.Block->data + std::size_t(r) * kFrameFloats, rest,
-            EngineState.Pending_Frames);
-    EngineState.Pending_Frames += rest;
+    Collect(convolver, block, block.Block->data + std::size_t(r) * kFrameFloats, rest,
+            convolver.Pending_Frames);
+    convolver.Pending_Frames += rest;
 
     if (blocks == 0) {
         block.Frames = 0;

@@ -12,7 +12,6 @@
 #include "encoders/matrix_encoder.h"
 
 #include "filters/second_order.h"
-#include "engine/engine.h"
 #include "signal/frame.h"
 
 namespace {
@@ -86,12 +85,12 @@ void SurroundPhaseChain(FilterState& memory, ProcessorBlock& block)
     memory = m;
 }
 
-void EncodeMix(ProcessorBlock& block)
+void EncodeMix(MatrixEncoderState& encoder, ProcessorBlock& block)
 {
     float* frames = block.Block->data;
-    HighPass2(EngineState.LfeHighPass, frames, kSlotLFE, kSurroundHighPass, kFrameFloats, block);
-    LowPass2(EngineState.LfeLowPass, frames, kSlotLFE, kSurroundLowPass, kFrameFloats, block);
-    SurroundPhaseChain(EngineState.LfeChain, block);
+    HighPass2(encoder.LfeHighPass, frames, kSlotLFE, kSurroundHighPass, kFrameFloats, block);
+    LowPass2(encoder.LfeLowPass, frames, kSlotLFE, kSurroundLowPass, kFrameFloats, block);
+    SurroundPhaseChain(encoder.LfeChain, block);
 
     float* f = frames;
     for (uint32_t i = 0; i < block.Frames; ++i, f += kFrameFloats) {

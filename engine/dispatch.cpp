@@ -10,18 +10,11 @@
 #include "encoders/headphone_convolver.h"
 #include "encoders/matrix_encoder.h"
 #include "filters/bass_redirect.h"
-#include "engine/engine.h"
 #include "signal/frame.h"
 
 namespace {
 
-constexpr int32_t kHeadphoneMode = 4;
 constexpr int32_t kSurroundOffset = 3;  // surround levels sit 3 dB above the setting
-
-bool HeadphoneRate(const ProcessorBlock& block)
-{
-    return block.Sample_Rate >= kHeadphoneRateLow && block.Sample_Rate <= kHeadphoneRateHigh;
-}
 
 }  // namespace
 
@@ -38,18 +31,18 @@ uint32_t BlockLength()
     return kBlockFrames;
 }
 
-uint32_t OutputFrames(const ProcessorBlock& block)
+uint32_t OutputFrames(const Engine& engine, const ProcessorBlock& block)
 {
-    const uint32_t total = block.Frames + EngineState.Pending_Frames;
-    if (block.Mode == kHeadphoneMode)
+    const uint32_t total = block.Frames + engine.Headphone.Pending_Frames;
+    if (block.Mode == kModeHeadphone)
         return total < kBlockFrames ? 0 : total & ~(kBlockFrames - 1);
     return total;
 }
 
-void DispatchMode(ProcessorBlock& block)
+void DispatchMode(Engine& engine, ProcessorBlock& block)
 {
     block.Out_Channels = block.In_Channels;
-    if (block.Mode == kHeadphoneMode) {
+    if (block.Mode == kModeHeadphone) {
         // The convolver stands in for width, bass redirection, virtual centre
         // and the trims; delay, bass settings and switches stay in force.
         block.Centre_Width = 0;
@@ -63,29 +56,30 @@ void DispatchMode(ProcessorBlock& block)
     switch (block.In_Channels) {
     case 2:
         switch (block.Mode) {
-        case 0:
-        case 5:
+        case kModeBypass:
+        case kModeEncode:  // the encoder needs four to six channels
             PassThrough(block);
             block.Out_Channels = 2;
             break;
-        case 2:
-        case 3:
-            SteeredMatrixDecode(block);
-            BassRedirect(block);
+        case kModeSteered:
+        case kModeSteeredTwoSurround:
+            SteeredMatrixDecode(engine.Steering, engine.Surround, block);
+            BassRedirect(engine.Bass, block);
             block.Out_Channels = 6;
             break;
-        case kHeadphoneMode:
+        case kModeHeadphone:
             // Out of range: the frames leave as converted, with no gain at
             // all, and the decoder is skipped too.
-            if (!HeadphoneRate(block))
+            if (!IsHeadphoneRate(block.Sample_Rate))
                 return;
-            SteeredMatrixDecode(block);
-            ConvolveHeadphone(block);
+            SteeredMatrixDecode(engine.Steering, engine.Surround, block);
+            ConvolveHeadphone(engine.Headphone, block);
             block.Out_Channels = 2;
             break;
-        default:  // 1, and any value outside 0..5
-            FixedMatrixDecode(block);
-            BassRedirect(block);
+        case kModeFixedMatrix:
+        default:  // any value outside 0..5 decodes as the fixed matrix
+            FixedMatrixDecode(engine.Surround, block);
+            BassRedirect(engine.Bass, block);
             block.Out_Channels = 6;
             break;
         }
@@ -93,19 +87,19 @@ void DispatchMode(ProcessorBlock& block)
     case 4:
     case 5:
     case 6:
-        if (block.Mode == kHeadphoneMode) {
-            if (!HeadphoneRate(block))
+        if (block.Mode == kModeHeadphone) {
+            if (!IsHeadphoneRate(block.Sample_Rate))
                 return;
-            ConvolveHeadphone(block);
+            ConvolveHeadphone(engine.Headphone, block);
             block.Out_Channels = 2;
-        } else if (block.Mode == 5) {
+        } else if (block.Mode == kModeEncode) {
             if (block.In_Channels == 4)
                 DownmixFour(block);
             else if (block.In_Channels == 5)
                 DownmixFive(block);
             else
                 DownmixSix(block);
-            EncodeMix(block);
+            EncodeMix(engine.Encoder, block);
             block.Out_Channels = 2;
         } else {
             PassThrough(block);
@@ -120,9 +114,10 @@ void DispatchMode(ProcessorBlock& block)
     // for them. `size` is still 49152 here, so the zeros land from frame 8192
     // on; the frames that the count adds below that are whatever the array
     // still holds from earlier writes.
-    if (block.Mode != kHeadphoneMode && EngineState.Pending_Frames != 0) {
-        block.Block->Extend(kFrameFloats * EngineState.Pending_Frames);
-        block.Frames += EngineState.Pending_Frames;
-        EngineState.Pending_Frames = 0;
+    uint32_t& pending = engine.Headphone.Pending_Frames;
+    if (block.Mode != kModeHeadphone && pending != 0) {
+        block.Block->Extend(kFrameFloats * pending);
+        block.Frames += pending;
+        pending = 0;
     }
 }

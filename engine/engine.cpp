@@ -1,73 +1,44 @@
-// The engine's one state object and the two blocks of the PCM conversion.
+// Building and taking down the engine, and its reset.
 //
-// All three are defined in this one file so that their construction order is
-// the order written (EngineState, FrameBlock, PcmBlock) and their destruction
-// the reverse. Construction makes every FFT plan and transforms the impulse
-// tables; nothing of that ever happens on the write path.
+// Construction makes every FFT plan and transforms the impulse tables; it is
+// the only place where plans are made. Should an allocation throw, the blocks
+// built so far release their arrays as the exception passes.
 #include "engine/engine.h"
 
-#include "encoders/headphone_convolver.h"
-#include "engine/pcm_conversion.h"
-
-EngineStateRecord::EngineStateRecord()
+Engine::Engine()
 {
-    // The 32 blocks start with all four words 0 (their own constructors); the
-    // filter memories and Pending_Frames are zero as static storage and are
-    // not touched here. Should an allocation throw, the blocks built so far
-    // release their arrays as the exception passes.
-    BuildHeadphoneConvolver(*this);
-    Pending_Frames = 0;
+    // Every block starts with all four words 0 and every filter memory and
+    // the held-back count at 0 (their records' own initialisers).
+    BuildHeadphoneConvolver(Headphone);
+    Headphone.Pending_Frames = 0;
 }
 
-EngineStateRecord::~EngineStateRecord()
+Engine::~Engine()
 {
-    ResetEngineState(*this);
-    DestroyHeadphonePlans(*this);
-    // Release in reverse order of declaration.
-    for (int k = 9; k >= 0; --k)
-        ProductBlock[k].Release();
-    OverlapBlock.Release();
-    for (int k = 4; k >= 0; --k)
-        InputBlock[k].Release();
-    EarBlock.Release();
-    for (int k = 5; k >= 0; --k)
-        ImpulseSpectrum[k].Release();
-    BassSum.Release();
-    SteerLowCS.Release();
-    SteerLowLR.Release();
-    SteerHighCS.Release();
-    SteerHighLR.Release();
-    LowBand.Release();
-    HighBand.Release();
-    SurroundDelayLine[1].Release();
-    SurroundDelayLine[0].Release();
+    // The conversion's blocks go first, as they were built last.
+    PcmBlock.Release();
+    FrameBlock.Release();
+    EngineReset(*this);
+    DestroyHeadphonePlans(Headphone);
+    // The remaining blocks release their arrays as the members go, in
+    // reverse order of declaration.
 }
 
-EngineStateRecord EngineState;
-SampleBlock FrameBlock;
-SampleBlock PcmBlock;
-
-void ResetEngineState(EngineStateRecord& engine)
+void EngineReset(Engine& engine)
 {
     FilterState* const memories[] = {
-        &engine.BassFilter[0],     &engine.BassFilter[1],     &engine.BassFilter[2],
-        &engine.SurroundFilter[0], &engine.SurroundFilter[1], &engine.LfeHighPass,
-        &engine.LfeLowPass,        &engine.LfeChain,          &engine.BandFilter[0],
-        &engine.BandFilter[1],     &engine.SteerFilter[0],    &engine.SteerFilter[1],
-        &engine.SteerFilter[2],    &engine.SteerFilter[3],
+        &engine.Bass.BassFilter[0],       &engine.Bass.BassFilter[1],       &engine.Bass.BassFilter[2],
+        &engine.Surround.SurroundFilter[0], &engine.Surround.SurroundFilter[1], &engine.Encoder.LfeHighPass,
+        &engine.Encoder.LfeLowPass,       &engine.Encoder.LfeChain,         &engine.Steering.BandFilter[0],
+        &engine.Steering.BandFilter[1],   &engine.Steering.SteerFilter[0],  &engine.Steering.SteerFilter[1],
+        &engine.Steering.SteerFilter[2],  &engine.Steering.SteerFilter[3],
     };
     for (FilterState* m : memories)
         *m = FilterState{0.0f, 0.0f, 0.0f, 0.0f};
     // The rings keep their length and position; only their contents go.
-    engine.OverlapBlock.Zero();
-    engine.SurroundDelayLine[0].Zero();
-    engine.SurroundDelayLine[1].Zero();
+    engine.Headphone.OverlapBlock.Zero();
+    engine.Surround.SurroundDelayLine[0].Zero();
+    engine.Surround.SurroundDelayLine[1].Zero();
     // Held-back frames are dropped for good, with no silence in their place.
-    engine.Pending_Frames = 0;
-}
-
-// Flush, Open, Close, Quit and the destructor: never during a write.
-void EngineReset()
-{
-    ResetEngineState(EngineState);
+    engine.Headphone.Pending_Frames = 0;
 }

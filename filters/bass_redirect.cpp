@@ -4,7 +4,6 @@
 #include "filters/bass_redirect.h"
 
 #include "filters/second_order.h"
-#include "engine/engine.h"
 #include "signal/frame.h"
 #include "signal/gain.h"
 
@@ -21,18 +20,18 @@ float BassRedirectGain(int32_t bassTrim, int32_t bassInvert)
     return float(DecibelPower(bassTrim) * sign * double(kBassDrop));
 }
 
-void BassRedirect(ProcessorBlock& block)
+void BassRedirect(BassRedirectState& bass, ProcessorBlock& block)
 {
     // The sum is cleared on every block, also while the stage is off.
-    float* sum = EngineState.BassSum.Resize(block.Frames, true);
+    float* sum = bass.BassSum.Resize(block.Frames, true);
     if (block.Bass_Redir_Enable == 0)
         return;
 
     const float gain = BassRedirectGain(block.Bass_Trim, block.Bass_Invert);
     const float cutoff = float(block.Bass_Redir);
-    SplitHighPass2(EngineState.BassFilter[0], kSlotL, sum, cutoff, block);
-    SplitHighPass2(EngineState.BassFilter[1], kSlotR, sum, cutoff, block);
-    SplitHighPass2(EngineState.BassFilter[2], kSlotC, sum, cutoff, block);
+    SplitHighPass2(bass.BassFilter[0], kSlotL, sum, cutoff, block);
+    SplitHighPass2(bass.BassFilter[1], kSlotR, sum, cutoff, block);
+    SplitHighPass2(bass.BassFilter[2], kSlotC, sum, cutoff, block);
 
     float* lfe = block.Block->data + kSlotLFE;
     for (uint32_t i = 0; i < block.Frames; ++i, lfe += kFrameFloats)

@@ -5,9 +5,17 @@
 
 #include <cstdint>
 
+#include "filters/second_order.h"
 #include "signal/processor.h"
+#include "signal/sample_block.h"
+
+// The redirection's memory, part of the engine.
+struct BassRedirectState {
+    FilterState BassFilter[3] = {};  // split high-pass on L, R, C
+    SampleBlock BassSum;             // Frames floats, the sum of the removed bass; made at first use
+};
 
 // pow(10, trim x 0.05) x sign x 0.316, in double, rounded once.
 float BassRedirectGain(int32_t bassTrim, int32_t bassInvert);
 
-void BassRedirect(ProcessorBlock& block);
+void BassRedirect(BassRedirectState& bass, ProcessorBlock& block);

@@ -10,8 +10,6 @@
 
 #include <cmath>
 
-#include "filters/second_order.h"
-#include "engine/engine.h"
 #include "signal/frame.h"
 
 namespace {
@@ -57,32 +55,32 @@ void DelayRun(SampleBlock& line, uint32_t microseconds, const ProcessorBlock& bl
     line.position = position;
 }
 
-void SurroundLowPass(ProcessorBlock& block)
+void SurroundLowPass(SurroundTailState& tail, ProcessorBlock& block)
 {
     if (block.Sample_Rate < kSurroundLowPassMinRate)
         return;
     float* frames = block.Block->data;
-    LowPass2(EngineState.SurroundFilter[0], frames, kSlotSL, kSurroundCutoff, kFrameFloats, block);
-    LowPass2(EngineState.SurroundFilter[1], frames, kSlotSR, kSurroundCutoff, kFrameFloats, block);
+    LowPass2(tail.SurroundFilter[0], frames, kSlotSL, kSurroundCutoff, kFrameFloats, block);
+    LowPass2(tail.SurroundFilter[1], frames, kSlotSR, kSurroundCutoff, kFrameFloats, block);
 }
 
-void SurroundDelay(ProcessorBlock& block)
+void SurroundDelay(SurroundTailState& tail, ProcessorBlock& block)
 {
     if (block.Surround_Delay == 0)
         return;
     // A negative setting wraps to a very long unsigned delay; nothing limits it.
     const uint32_t microseconds = uint32_t(block.Surround_Delay) * kMicrosecondsPerMs;
     float* frames = block.Block->data;
-    DelayRun(EngineState.SurroundDelayLine[0], microseconds, block, frames, kSlotSL);
-    DelayRun(EngineState.SurroundDelayLine[1], microseconds, block, frames, kSlotSR);
+    DelayRun(tail.SurroundDelayLine[0], microseconds, block, frames, kSlotSL);
+    DelayRun(tail.SurroundDelayLine[1], microseconds, block, frames, kSlotSR);
 }
 
-void SurroundTail(ProcessorBlock& block)
+void SurroundTail(SurroundTailState& tail, ProcessorBlock& block)
 {
     // With both surround speakers off the tail stands still; with one on,
     // both channels run, the silent one carrying zeros through its ring.
     if (block.SL == 0 && block.SR == 0)
         return;
-    SurroundLowPass(block);
-    SurroundDelay(block);
+    SurroundLowPass(tail, block);
+    SurroundDelay(tail, block);
 }

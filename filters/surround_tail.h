@@ -4,15 +4,22 @@
 
 #include <cstdint>
 
+#include "filters/second_order.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
 
+// The tail's memory, part of the engine: it runs on from write to write.
+struct SurroundTailState {
+    FilterState SurroundFilter[2] = {};  // 7000 Hz low-pass on SL, SR
+    SampleBlock SurroundDelayLine[2];    // rings of SL and SR, made at first use; cleared (not moved) by a reset
+};
+
 // Gate (SL or SR switch non-zero), then SurroundLowPass, then SurroundDelay.
-void SurroundTail(ProcessorBlock& block);
+void SurroundTail(SurroundTailState& tail, ProcessorBlock& block);
 // 7000 Hz low-pass on slots 4 and 5; nothing below 44100 Hz.
-void SurroundLowPass(ProcessorBlock& block);
+void SurroundLowPass(SurroundTailState& tail, ProcessorBlock& block);
 // DelayRun on slots 4 and 5 with Surround_Delay x 1000 microseconds; nothing at 0 ms.
-void SurroundDelay(ProcessorBlock& block);
+void SurroundDelay(SurroundTailState& tail, ProcessorBlock& block);
 
 // Ring length in samples for a delay in microseconds: truncated, so a whole
 // number of samples comes out one short (10 ms at 44100 Hz is 440).

@@ -7,24 +7,37 @@
 
 #include <cstring>
 
+#include "product.h"
 #include "settings/control_table.h"
 #include "settings/settings_store.h"
 #include "settings/wide_text.h"
-#include "shell/chained_output.h"
-#include "signal/processor.h"
+#include "shell/out_module.h"
+#include "signal/mode.h"
 
-int32_t Last_Mode;
-uint32_t Last_Channels;
+// The running dialog's context. The dialog is modal and runs on the
+// interface thread, so there is one at a time.
+static ConfigDialogContext* Active;
+
+static ProcessorSettingsRecord& Settings()
+{
+    return *Active->Settings;
+}
 
 constexpr UINT_PTR kStatusTimerId = 1;
 constexpr UINT kStatusTimerMilliseconds = 10;
 constexpr uint32_t kReadOutChars = 64;
 constexpr uint32_t kPathBound = 255;         // characters with the terminator
-constexpr DWORD kOpenFileNameBytes = 88;     // the record's size on the host's platform
+// The file dialog's record size: 88 bytes, the record as the host's 32-bit
+// platform has it. A 64-bit build must give its own, larger record's size,
+// or the dialog refuses the call and Select acts as cancelled.
+#ifdef _WIN64
+constexpr DWORD kOpenFileNameBytes = sizeof(OPENFILENAMEW);
+#else
+constexpr DWORD kOpenFileNameBytes = 88;
+#endif
 constexpr DWORD kOpenFileFlags = 0x10021004; // hide read-only, file must exist, no network button, show hidden
-constexpr int32_t kModeCount = 6;
 
-static const WCHAR kVersionText[] = KELVANE_TEXT("Kelvane Processor 0.1.3a");
+static const WCHAR kVersionText[] = KELVANE_TEXT_OF(KELVANE_PRODUCT_VERSION);
 static const WCHAR kFileFilter[] = KELVANE_TEXT("Dynamic Link Library Files (*.dll)\0*.dll\0");
 static const WCHAR kFileTitle[] = KELVANE_TEXT("Select a Winamp output plugin");
 
@@ -112,7 +125,7 @@ static const EnableRow kEnableTable[] = {
 
 static void ShowMessage(const WCHAR* text)
 {
-    MessageBoxW(nullptr, text, kMessageCaption, MB_OK | MB_ICONEXCLAMATION);
+    MessageBoxW(nullptr, text, kVersionText, MB_OK | MB_ICONEXCLAMATION);
 }
 
 static LPARAM TextParam(const WCHAR* text)
@@ -122,7 +135,7 @@ static LPARAM TextParam(const WCHAR* text)
 
 void InitControls(HWND dialog)
 {
-    const ProcessorSettingsRecord& settings = ProcessorSettings;
+    const ProcessorSettingsRecord& settings = Settings();
     SendDlgItemMessageW(dialog, kIdOutPlug, WM_SETTEXT, 0, TextParam(settings.Out_Plug));
 
     for (const WCHAR* item : kModeItems)
@@ -153,7 +166,7 @@ void InitControls(HWND dialog)
 
 void RefreshControls(HWND dialog)
 {
-    const ProcessorSettingsRecord& settings = ProcessorSettings;
+    const ProcessorSettingsRecord& settings = Settings();
     for (const TrackBarRow& bar : kTrackBars) {
         WCHAR readOut[kReadOutChars];
         WideFromInt(readOut, settings.*bar.setting);
@@ -183,7 +196,7 @@ void RefreshControls(HWND dialog)
 static void SelectChainedPlugin(HWND dialog)
 {
     WCHAR file[kOutPlugChars];
-    WideCopyBounded(file, ProcessorSettings.Out_Plug, kPathBound);
+    WideCopyBounded(file, Settings().Out_Plug, kPathBound);
 
     OPENFILENAMEW request;
     std::memset(&request, 0, sizeof request);
@@ -220,9 +233,9 @@ static void SelectChainedPlugin(HWND dialog)
         return;
     }
     // Live in the record at once; the stream moves to it at the next Open.
-    WideCopyBounded(ProcessorSettings.Out_Plug, file, kPathBound);
-    SendDlgItemMessageW(dialog, kIdOutPlug, WM_SETTEXT, 0, TextParam(ProcessorSettings.Out_Plug));
-    ChainedOutput.Reload_Needed = 1;
+    WideCopyBounded(Settings().Out_Plug, file, kPathBound);
+    SendDlgItemMessageW(dialog, kIdOutPlug, WM_SETTEXT, 0, TextParam(Settings().Out_Plug));
+    *Active->Reload_Needed = 1;
     FreeLibrary(library);
     RefreshControls(dialog);
 }
@@ -232,7 +245,7 @@ static void SelectChainedPlugin(HWND dialog)
 // purpose: each press leaves one more reference.
 static void ConfigureChainedPlugin(HWND dialog)
 {
-    const HMODULE library = LoadLibraryW(ProcessorSettings.Out_Plug);
+    const HMODULE library = LoadLibraryW(Settings().Out_Plug);
     if (library == 0) {
         ShowMessage(KELVANE_TEXT("Failed to open output plugin"));
         RefreshControls(dialog);
@@ -255,8 +268,8 @@ static void OnCommand(HWND dialog, WPARAM wParam)
     if (notification == CBN_SELCHANGE) {
         // From whichever control; a list without a selection gives -1, that
         // is Mode -1 or Out_Bits 8.
-        ProcessorSettings.Mode = int32_t(SendDlgItemMessageW(dialog, kIdMode, CB_GETCURSEL, 0, 0));
-        ProcessorSettings.Out_Bits = int32_t(SendDlgItemMessageW(dialog, kIdOutBits, CB_GETCURSEL, 0, 0)) * 8 + 16;
+        Settings().Mode = int32_t(SendDlgItemMessageW(dialog, kIdMode, CB_GETCURSEL, 0, 0));
+        Settings().Out_Bits = int32_t(SendDlgItemMessageW(dialog, kIdOutBits, CB_GETCURSEL, 0, 0)) * 8 + 16;
         RefreshControls(dialog);
         return;
     }
@@ -267,19 +280,19 @@ static void OnCommand(HWND dialog, WPARAM wParam)
     switch (LOWORD(wParam)) {
     case kIdOk:
         // Nothing but the store: no reset of the engine.
-        SaveSettings();
+        SaveSettings(Settings());
         EndDialog(dialog, 0);
         break;
     case kIdCancel:
         // Every value back from the store, Out_Plug too; Reload_Needed stays.
-        LoadSettings();
+        LoadSettings(Settings());
         EndDialog(dialog, 0);
         break;
     case kIdMuteAll:
     case kIdUnmuteAll: {
         const int32_t on = LOWORD(wParam) == kIdUnmuteAll ? 1 : 0;
         for (const CheckRow& speaker : kSpeakerChecks)
-            ProcessorSettings.*speaker.setting = on;
+            Settings().*speaker.setting = on;
         RefreshControls(dialog);
         break;
     }
@@ -291,7 +304,7 @@ static void OnCommand(HWND dialog, WPARAM wParam)
         break;
     default:
         for (const CheckRow& check : kCommandChecks)
-            ProcessorSettings.*check.setting =
+            Settings().*check.setting =
                 SendDlgItemMessageW(dialog, check.id, BM_GETCHECK, 0, 0) == 1 ? 1 : 0;
         RefreshControls(dialog);
         break;
@@ -303,39 +316,39 @@ static const WCHAR* StatusText(int32_t mode, uint32_t channels, int32_t rate)
     const bool none = channels == 0;
     const bool stereo = channels == 2;
     switch (mode) {
-    case 0:
+    case kModeBypass:
         return KELVANE_TEXT("Bypass\nNo audio processing is performed.");
-    case 1:
+    case kModeFixedMatrix:
         if (none)
             return KELVANE_TEXT("Kelvane+C\nProcessor inactive.");
         if (stereo)
             return KELVANE_TEXT("Kelvane+C\nProcessor in decoding mode.");
         return KELVANE_TEXT("Kelvane+C\nProcessor inactive. Requires an audio source with 2 channels.");
-    case 2:
+    case kModeSteered:
         if (none)
             return KELVANE_TEXT("Kelvane-AS\nProcessor inactive.");
         if (stereo)
             return KELVANE_TEXT("Kelvane-AS\nProcessor in decoding mode.");
         return KELVANE_TEXT("Kelvane-AS\nProcessor inactive. Requires an audio source with 2 channels.");
-    case 3:
+    case kModeSteeredTwoSurround:
         if (none)
             return KELVANE_TEXT("Kelvane-ASr\nProcessor inactive.");
         if (stereo)
             return KELVANE_TEXT("Kelvane-ASr\nProcessor in decoding mode.");
         return KELVANE_TEXT("Kelvane-ASr\nProcessor inactive. Requires an audio source with 2 channels.");
-    case 4:
+    case kModeHeadphone:
         if (none)
             return KELVANE_TEXT("Kelvane Headphone\nProcessor inactive.");
         if (channels == 2 || channels == 4 || channels == 5 || channels == 6) {
             // A range, as in the dispatcher: 46000 passes.
-            if (rate >= 44100 && rate <= 48000)
+            if (IsHeadphoneRate(rate))
                 return KELVANE_TEXT("Kelvane Headphone\nProcessor in encoding mode.");
             return KELVANE_TEXT("Kelvane Headphone\nProcessor inactive. Requires an audio source with a "
                                 "sampling rate of 44.1 or 48KHz.");
         }
         return KELVANE_TEXT("Kelvane Headphone\nProcessor inactive. Requires an audio source with 2, 4, 5 or 6 "
                             "channels.");
-    case 5:
+    case kModeEncode:
         if (none)
             return KELVANE_TEXT("Kelvane Encode\nProcessor inactive.");
         if (channels == 4 || channels == 5 || channels == 6)
@@ -351,31 +364,32 @@ static const WCHAR* StatusText(int32_t mode, uint32_t channels, int32_t rate)
 // of them, so a new rate with the same channel count keeps the text.
 static void OnTimer(HWND dialog)
 {
-    const int32_t mode = ProcessorSettings.Mode;
-    const uint32_t channels = ChainedOutput.Stream.Stream_Channels;
-    if (mode == Last_Mode && channels == Last_Channels)
+    const int32_t mode = Settings().Mode;
+    const uint32_t channels = Active->Stream->Stream_Channels;
+    if (mode == Active->Last_Mode && channels == Active->Last_Channels)
         return;
-    SetDlgItemTextW(dialog, kIdStatus, StatusText(mode, channels, ChainedOutput.Stream.Stream_Rate));
-    Last_Mode = mode;
-    Last_Channels = channels;
+    SetDlgItemTextW(dialog, kIdStatus, StatusText(mode, channels, Active->Stream->Stream_Rate));
+    Active->Last_Mode = mode;
+    Active->Last_Channels = channels;
 }
 
 // All six track bars are read, whichever one moved.
 static void OnTrackBar(HWND dialog)
 {
     for (const TrackBarRow& bar : kTrackBars)
-        ProcessorSettings.*bar.setting = int32_t(SendDlgItemMessageW(dialog, bar.id, TBM_GETPOS, 0, 0));
+        Settings().*bar.setting = int32_t(SendDlgItemMessageW(dialog, bar.id, TBM_GETPOS, 0, 0));
     RefreshControls(dialog);
 }
 
 // interface thread
-INT_PTR CALLBACK ConfigDialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM)
+INT_PTR CALLBACK ConfigDialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam)
 {
     switch (message) {
     case WM_INITDIALOG:
+        Active = reinterpret_cast<ConfigDialogContext*>(lParam);
         InitControls(dialog);
-        Last_Mode = 0;
-        Last_Channels = 0;
+        Active->Last_Mode = 0;
+        Active->Last_Channels = 0;
         SetTimer(dialog, kStatusTimerId, kStatusTimerMilliseconds, nullptr);
         return 1;
     case WM_COMMAND:

@@ -46,7 +46,7 @@ static const NumberValue kNumberValues[] = {
     {KELVANE_TEXT("SR"), &ProcessorSettingsRecord::SR, 1},
 };
 
-void LoadSettings()
+void LoadSettings(ProcessorSettingsRecord& settings)
 {
     // The result is not looked at: a key that did not open makes every query
     // below fail, and so gives every default.
@@ -57,7 +57,7 @@ void LoadSettings()
     DWORD bytes = kOutPlugQueryBytes;
     const LSTATUS pathStatus =
         RegQueryValueExW(key, kOutPlugName, nullptr, nullptr, reinterpret_cast<LPBYTE>(path), &bytes);
-    WideCopyBounded(ProcessorSettings.Out_Plug, pathStatus == ERROR_SUCCESS ? path : kOutPlugDefault,
+    WideCopyBounded(settings.Out_Plug, pathStatus == ERROR_SUCCESS ? path : kOutPlugDefault,
                     kOutPlugBound);
 
     // The byte count is set once and stays in force for all sixteen queries,
@@ -72,15 +72,15 @@ void LoadSettings()
         if (RegQueryValueExW(key, number.name, nullptr, nullptr, value, &bytes) == ERROR_SUCCESS) {
             uint32_t word;
             std::memcpy(&word, value, sizeof word);
-            ProcessorSettings.*number.field = int32_t(word);
+            settings.*number.field = int32_t(word);
         } else {
-            ProcessorSettings.*number.field = number.fallback;
+            settings.*number.field = number.fallback;
         }
     }
     RegCloseKey(key);
 }
 
-void SaveSettings()
+void SaveSettings(const ProcessorSettingsRecord& settings)
 {
     static WCHAR emptyClass[] = KELVANE_TEXT("");
     HKEY key = nullptr;
@@ -88,11 +88,11 @@ void SaveSettings()
     RegCreateKeyExW(HKEY_LOCAL_MACHINE, kSettingsKey, 0, emptyClass, REG_OPTION_NON_VOLATILE, KEY_WRITE, nullptr,
                     &key, &disposition);
     // The terminator is stored with the text.
-    const DWORD pathBytes = 2 * WideLength(ProcessorSettings.Out_Plug) + 2;
-    RegSetValueExW(key, kOutPlugName, 0, REG_SZ, reinterpret_cast<const BYTE*>(ProcessorSettings.Out_Plug),
+    const DWORD pathBytes = 2 * WideLength(settings.Out_Plug) + 2;
+    RegSetValueExW(key, kOutPlugName, 0, REG_SZ, reinterpret_cast<const BYTE*>(settings.Out_Plug),
                    pathBytes);
     for (const NumberValue& number : kNumberValues) {
-        const uint32_t word = uint32_t(ProcessorSettings.*number.field);
+        const uint32_t word = uint32_t(settings.*number.field);
         BYTE data[kNumberBytes];
         std::memcpy(data, &word, sizeof data);
         RegSetValueExW(key, number.name, 0, REG_DWORD, data, kNumberBytes);

@@ -11,6 +11,8 @@
 #else
 #define KELVANE_TEXT(s) u##s
 #endif
+// The same for a macro that stands for a literal: the argument is expanded first.
+#define KELVANE_TEXT_OF(s) KELVANE_TEXT(s)
 
 // Characters before the terminator.
 inline uint32_t WideLength(const WideChar* text)

@@ -12,24 +12,13 @@
 // before any Open.
 #include "shell/chained_output.h"
 
+#include "engine/pcm_conversion.h"
+#include "product.h"
 #include "settings/wide_text.h"
-#include "engine/engine.h"
-#include "signal/processor.h"
 
-ChainedOutputRecord ChainedOutput;
-uint32_t Reset_Pending;
-
-const WCHAR* const kMessageCaption = KELVANE_TEXT("Kelvane Processor 0.1.3a");
+static const WCHAR kMessageCaption[] = KELVANE_TEXT_OF(KELVANE_PRODUCT_VERSION);
 
 constexpr int kChainedChannels = 6;  // the chained plug-in always gets six channels
-
-WinampGetOutModuleFunction FindOutModuleExport(HMODULE library)
-{
-    // Through the generic function pointer type, which converts to any other
-    // without a warning about incompatible function types.
-    const auto address = reinterpret_cast<void (*)()>(GetProcAddress(library, "winampGetOutModule"));
-    return reinterpret_cast<WinampGetOutModuleFunction>(address);
-}
 
 int LoadChainedOutput()
 {
@@ -66,7 +55,7 @@ int Open(int samplerate, int numchannels, int bitspersamp, int bufferlenms, int 
         }
     }
     if (Reset_Pending != 0) {
-        EngineReset();
+        EngineReset(PluginEngine);
         Reset_Pending = 0;
     }
     return ChainedOutput.Module.Open(samplerate, kChainedChannels, int(ChainedOutput.Stream.Output_Bits),
@@ -77,7 +66,7 @@ int Open(int samplerate, int numchannels, int bitspersamp, int bufferlenms, int 
 void Close()
 {
     if (Reset_Pending != 0) {
-        EngineReset();
+        EngineReset(PluginEngine);
         Reset_Pending = 0;
     }
     ChainedOutput.Module.Close();  // the library stays loaded between playbacks
@@ -90,11 +79,12 @@ int Write(char* buf, int len)
     // the buffer is dropped.
     const StreamWords& stream = ChainedOutput.Stream;
     uint32_t frames = (uint32_t(len) / stream.Stream_Channels) / (stream.Stream_Bits >> 3);
-    ConvertAndProcess(stream, reinterpret_cast<const uint8_t*>(buf), frames);
+    ConvertAndProcess(PluginEngine, ProcessorSettings, stream, reinterpret_cast<const uint8_t*>(buf), uint32_t(len),
+                      frames);
     // The count after processing: the convolver may hold frames back or
     // release them in lumps. A length of 0 is passed on as well.
     const uint32_t bytes = (stream.Output_Bits >> 3) * frames * 6;
-    return ChainedOutput.Module.Write(reinterpret_cast<char*>(PcmBlock.data), int(bytes));
+    return ChainedOutput.Module.Write(reinterpret_cast<char*>(PluginEngine.PcmBlock.data), int(bytes));
 }
 
 // The figure is in bytes of the six-channel stream and goes back unscaled.
@@ -128,7 +118,7 @@ void SetPan(int pan)
 // A seek: the engine is reset in every case; Reset_Pending is left alone.
 void Flush(int t)
 {
-    EngineReset();
+    EngineReset(PluginEngine);
     ChainedOutput.Module.Flush(t);
 }
 

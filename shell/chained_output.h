@@ -5,9 +5,10 @@
 
 #include <cstdint>
 
+#include "engine/engine.h"
 #include "platform/platform.h"
 #include "shell/out_module.h"
-#include "engine/pcm_conversion.h"
+#include "signal/processor.h"
 
 struct ChainedOutputRecord {
     WNDPROC Window_Proc;     // the host window's procedure before the hook
@@ -17,6 +18,14 @@ struct ChainedOutputRecord {
     Out_Module Module;       // copy of the chained record as it stood at the load
 };
 
+// The plug-in's one instance, static objects that live as long as the
+// library (defined together in plugin_state.cpp).
+//
+// The engine: built at library load, where every FFT plan is made.
+extern Engine PluginEngine;
+// The live settings: all zeros at library load, filled by LoadSettings at
+// Init; written by the dialog (interface thread), read by every write.
+extern ProcessorSettingsRecord ProcessorSettings;
 // Zero at library load.
 extern ChainedOutputRecord ChainedOutput;
 // Set by the host window hook on Play and Stop; honoured and cleared by the
@@ -25,16 +34,10 @@ extern uint32_t Reset_Pending;
 
 extern Out_Module OwnModule;
 
-// The caption of every message of the plug-in.
-extern const WCHAR* const kMessageCaption;
-
 // Loads the library named by Out_Plug and copies its record. 1 on success,
 // 0 when the library does not load. The export is deliberately not tested:
 // only paths that passed the dialog's test are ever stored.
 int LoadChainedOutput();
-
-// The export, looked up in a library; null when it is missing.
-WinampGetOutModuleFunction FindOutModuleExport(HMODULE library);
 
 // Slots of OwnModule.
 int Open(int samplerate, int numchannels, int bitspersamp, int bufferlenms, int prebufferms);

@@ -39,5 +39,14 @@ static_assert(sizeof(void*) != 4 || sizeof(Out_Module) == 80, "the host's record
 
 using WinampGetOutModuleFunction = Out_Module* (*)();
 
+// The export, looked up in a library; null when it is missing.
+inline WinampGetOutModuleFunction FindOutModuleExport(HMODULE library)
+{
+    // Through the generic function pointer type, which converts to any other
+    // without a warning about incompatible function types.
+    const auto address = reinterpret_cast<void (*)()>(GetProcAddress(library, "winampGetOutModule"));
+    return reinterpret_cast<WinampGetOutModuleFunction>(address);
+}
+
 constexpr int kOutModuleVersion = 0x10;
 constexpr int Own_Module_Id = 6546551;  // 0x63E477

@@ -1,6 +1,7 @@
 // What the host sees: the one Out_Module record and the one export that hands
 // it out. The slots' logic lives beside the state it works on: the chained
 // output, the window hook, the settings and the dialog.
+#include "product.h"
 #include "settings/config_dialog.h"
 #include "settings/control_table.h"
 #include "settings/wide_text.h"
@@ -17,14 +18,18 @@
 // Lives as long as the library; the host fills in hMainWindow and hDllInstance.
 Out_Module OwnModule;
 
-static const char kDescription[] = "Morrowfen Kelvane Processor 0.1.3a";
+static const char kDescription[] = KELVANE_MAKER " " KELVANE_PRODUCT_VERSION;
+
+// What the dialog works on; its status memory starts afresh at each opening.
+static ConfigDialogContext DialogContext;
 
 // interface thread
 static void Config(HWND hwndParent)
 {
+    DialogContext = {&ProcessorSettings, &ChainedOutput.Stream, &ChainedOutput.Reload_Needed, 0, 0};
     // The dialog's own result is of no interest.
     DialogBoxParamW(OwnModule.hDllInstance, MAKEINTRESOURCEW(kConfigDialogResource), hwndParent,
-                    &ConfigDialogProc, 0);
+                    &ConfigDialogProc, reinterpret_cast<LPARAM>(&DialogContext));
 }
 
 // interface thread; needs neither the engine, nor settings, nor a chained plug-in.

@@ -6,7 +6,6 @@
 // a reset, which the next Open or Close then carries out.
 #include "settings/settings_store.h"
 #include "shell/chained_output.h"
-#include "engine/engine.h"
 
 constexpr UINT kCommandMessage = 0x111;   // WM_COMMAND
 constexpr WORD kPlayCommand = 40045;      // the host's Play button
@@ -30,14 +29,14 @@ void Init()
 {
     ChainedOutput.Library = 0;  // forgotten, not released
     ChainedOutput.Reload_Needed = 1;
-    LoadSettings();
+    LoadSettings(ProcessorSettings);
     ChainedOutput.Window_Proc = reinterpret_cast<WNDPROC>(
         SetWindowLongW(OwnModule.hMainWindow, kWindowProcIndex, reinterpret_cast<LONG_PTR>(&HostWindowHook)));
 }
 
 void Quit()
 {
-    EngineReset();
+    EngineReset(PluginEngine);
     // Library keeps its old value, and the chained Quit is never called.
     if (ChainedOutput.Library != 0)
         FreeLibrary(ChainedOutput.Library);

@@ -1,11 +1,11 @@
-// The live configuration and the record that carries one write through the
-// stages.
+// The live configuration, the stream words latched at Open, and the record
+// that carries one write through the stages.
 //
-// ProcessorSettings is the one copy of the user's settings: the dialog writes
-// it, every write reads it word by word, unlocked. A ProcessorBlock is built
-// afresh for each write from those words and the stream latched at Open; the
-// changes made on the way (mode 4 clearings, the +3 dB surround offset) touch
-// the copy only and never outlive the write.
+// The plug-in holds one settings record, the user's settings: the dialog
+// writes it, every write reads it word by word, unlocked. A ProcessorBlock is
+// built afresh for each write from those words and the stream latched at
+// Open; the changes made on the way (mode 4 clearings, the +3 dB surround
+// offset) touch the copy only and never outlive the write.
 #pragma once
 
 #include <cstdint>
@@ -41,9 +41,13 @@ struct ProcessorSettingsRecord {
     int32_t SR;
 };
 
-// All zeros at library load; filled by LoadSettings. Written by the dialog
-// thread, read by the write path.
-extern ProcessorSettingsRecord ProcessorSettings;
+// The stream words latched at Open.
+struct StreamWords {
+    uint32_t Stream_Channels;  // source channels
+    uint32_t Stream_Bits;      // source bits per sample
+    int32_t Stream_Rate;       // sample rate in hertz
+    uint32_t Output_Bits;      // Out_Bits as it stood at Open
+};
 
 struct ProcessorBlock {
     int32_t Mode;               // processing mode
@@ -65,5 +69,5 @@ struct ProcessorBlock {
     int32_t In_Channels;        // channels of the source
     int32_t Sample_Rate;        // hertz
     uint32_t Frames;            // frames in the block; changed by the convolver and the tail
-    SampleBlock* Block;         // the frames; always FrameBlock
+    SampleBlock* Block;         // the frames; the engine's FrameBlock on the player's path
 };

@@ -21,6 +21,7 @@
 #include "tests/support/frame_block.h"
 #include "tests/support/test_signal.h"
 #include "tests/support/trim_gain.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -113,7 +114,7 @@ TEST(FixedMatrixDecode, EqualInputsGiveHalfFrontsAndCentre0_707)
     FreshEngine();
     Frames f(16, 44100);
     f.FillStereo(std::vector<float>(16, 1.0f), std::vector<float>(16, 1.0f));
-    FixedMatrixDecode(f.pb);
+    FixedMatrixDecode(TestEngine().Surround, f.pb);
     for (uint32_t i = 0; i < 16; ++i) {
         EXPECT_EQ(f.at(i, kSlotL), 0.5f);
         EXPECT_EQ(f.at(i, kSlotR), 0.5f);
@@ -131,7 +132,7 @@ TEST(FixedMatrixDecode, OppositeInputsGiveSurroundsOf0_707TimesTenToThe0_15)
     FreshEngine();
     Frames f(16, 32000);
     f.FillStereo(std::vector<float>(16, 1.0f), std::vector<float>(16, -1.0f));
-    FixedMatrixDecode(f.pb);
+    FixedMatrixDecode(TestEngine().Surround, f.pb);
     const float gs = Gain(3);
     EXPECT_NEAR(gs, 1.41254, 5e-6);
     for (uint32_t i = 0; i < 16; ++i) {
@@ -159,7 +160,7 @@ TEST(FixedMatrixDecode, StoredSurroundTrimZeroArrivesAsThreeDecibelsThroughTheDi
     block.Surround_Trim_00 = 0;
     block.Frames = 16;
     block.Block = &frames;
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Surround_Trim_00, 3);
     EXPECT_EQ(block.Out_Channels, 6);
     for (uint32_t i = 0; i < 16; ++i) {
@@ -179,7 +180,7 @@ TEST(FixedMatrixDecode, CentreSwitchOffWithVirtualCentreStillReachesTheFronts)
     const std::vector<float> left = TestSignal(kCount, 3);
     const std::vector<float> right = TestSignal(kCount, 4);
     f.FillStereo(left, right);
-    FixedMatrixDecode(f.pb);
+    FixedMatrixDecode(TestEngine().Surround, f.pb);
     ExpectMatchesReference(f, left, right);
     for (uint32_t i = 0; i < kCount; ++i) {
         ASSERT_EQ(f.at(i, kSlotC), 0.0f);
@@ -202,7 +203,7 @@ TEST(FixedMatrixDecode, VirtualCentreMatchesTheFloatStepsWithEveryTrim)
             f.pb.Centre_Trim = trim;
             f.pb.Surround_Trim_00 = trim + 3;
             f.FillStereo(left, right);
-            FixedMatrixDecode(f.pb);
+            FixedMatrixDecode(TestEngine().Surround, f.pb);
             SCOPED_TRACE(testing::Message() << "Virtual_C " << virtualC << ", trim " << trim);
             ExpectMatchesReference(f, left, right);
         }
@@ -215,28 +216,28 @@ TEST(FixedMatrixDecode, SurroundSwitchesOffLeaveSurroundsSilentAndTheTailStill)
     Frames warm(1000, 44100);
     warm.pb.Surround_Delay = 10;
     warm.FillStereo(TestSignal(1000, 7), TestSignal(1000, 8));
-    FixedMatrixDecode(warm.pb);
-    const uint32_t position0 = EngineState.SurroundDelayLine[0].position;
-    const uint32_t position1 = EngineState.SurroundDelayLine[1].position;
-    const FilterState filter0 = EngineState.SurroundFilter[0];
-    const FilterState filter1 = EngineState.SurroundFilter[1];
+    FixedMatrixDecode(TestEngine().Surround, warm.pb);
+    const uint32_t position0 = TestEngine().Surround.SurroundDelayLine[0].position;
+    const uint32_t position1 = TestEngine().Surround.SurroundDelayLine[1].position;
+    const FilterState filter0 = TestEngine().Surround.SurroundFilter[0];
+    const FilterState filter1 = TestEngine().Surround.SurroundFilter[1];
 
     Frames f(500, 44100);
     f.pb.Surround_Delay = 10;
     f.pb.SL = 0;
     f.pb.SR = 0;
     f.FillStereo(TestSignal(500, 9), TestSignal(500, 10));
-    FixedMatrixDecode(f.pb);
+    FixedMatrixDecode(TestEngine().Surround, f.pb);
     for (uint32_t i = 0; i < 500; ++i) {
         ASSERT_EQ(f.at(i, kSlotSL), 0.0f) << "frame " << i;
         ASSERT_EQ(f.at(i, kSlotSR), 0.0f) << "frame " << i;
     }
-    EXPECT_EQ(EngineState.SurroundDelayLine[0].position, position0);
-    EXPECT_EQ(EngineState.SurroundDelayLine[1].position, position1);
-    EXPECT_EQ(EngineState.SurroundFilter[0].y1, filter0.y1);
-    EXPECT_EQ(EngineState.SurroundFilter[1].y1, filter1.y1);
-    EXPECT_EQ(EngineState.SurroundFilter[0].x1, filter0.x1);
-    EXPECT_EQ(EngineState.SurroundFilter[1].x1, filter1.x1);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[0].position, position0);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[1].position, position1);
+    EXPECT_EQ(TestEngine().Surround.SurroundFilter[0].y1, filter0.y1);
+    EXPECT_EQ(TestEngine().Surround.SurroundFilter[1].y1, filter1.y1);
+    EXPECT_EQ(TestEngine().Surround.SurroundFilter[0].x1, filter0.x1);
+    EXPECT_EQ(TestEngine().Surround.SurroundFilter[1].x1, filter1.x1);
 }
 
 TEST(FixedMatrixDecode, SwitchWordOfTwoActsAsAGainOfTwo)
@@ -250,7 +251,7 @@ TEST(FixedMatrixDecode, SwitchWordOfTwoActsAsAGainOfTwo)
     const std::vector<float> left = TestSignal(kCount, 11);
     const std::vector<float> right = TestSignal(kCount, 12);
     f.FillStereo(left, right);
-    FixedMatrixDecode(f.pb);
+    FixedMatrixDecode(TestEngine().Surround, f.pb);
     ExpectMatchesReference(f, left, right);
     for (uint32_t i = 0; i < kCount; ++i) {
         ASSERT_EQ(f.at(i, kSlotL), 2.0f * (left[i] * 0.5f));
@@ -269,13 +270,13 @@ TEST(FixedMatrixDecode, EndsWithTheSurroundTail)
 
     Frames plain(kCount, 32000);  // the matrix output, untouched by the tail
     plain.FillStereo(left, right);
-    FixedMatrixDecode(plain.pb);
+    FixedMatrixDecode(TestEngine().Surround, plain.pb);
 
     FreshEngine();
     Frames f(kCount, 44100);
     f.pb.Surround_Delay = 10;
     f.FillStereo(left, right);
-    FixedMatrixDecode(f.pb);
+    FixedMatrixDecode(TestEngine().Surround, f.pb);
 
     // The same low-pass and delay applied to the plain surrounds by the tail alone.
     FreshEngine();
@@ -285,7 +286,7 @@ TEST(FixedMatrixDecode, EndsWithTheSurroundTail)
         tail.at(i, kSlotSL) = plain.at(i, kSlotSL);
         tail.at(i, kSlotSR) = plain.at(i, kSlotSR);
     }
-    SurroundTail(tail.pb);
+    SurroundTail(TestEngine().Surround, tail.pb);
     for (uint32_t i = 0; i < kCount; ++i) {
         ASSERT_EQ(f.at(i, kSlotL), plain.at(i, kSlotL));
         ASSERT_EQ(f.at(i, kSlotC), plain.at(i, kSlotC));
@@ -304,7 +305,7 @@ TEST(FixedMatrixDecode, FramesZeroTouchesNoFrame)
     f.FillStereo(TestSignal(4, 15), TestSignal(4, 16));
     const std::vector<float> before(f.block.data, f.block.data + 24);
     f.pb.Frames = 0;
-    FixedMatrixDecode(f.pb);
+    FixedMatrixDecode(TestEngine().Surround, f.pb);
     for (uint32_t i = 0; i < 24; ++i)
         ASSERT_EQ(f.block.data[i], before[i]);
 }

@@ -24,6 +24,7 @@
 #include "tests/support/reference_filters.h"
 #include "tests/support/test_signal.h"
 #include "tests/support/trim_gain.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -318,11 +319,11 @@ TEST(SteeredMatrixDecode, SilenceFromResetGivesZeroSteeringAndZeroOutputs)
         Frames f(1152, 44100, mode);
         f.pb.Surround_Delay = 10;
         f.FillStereo(std::vector<float>(1152, 0.0f), std::vector<float>(1152, 0.0f));
-        SteeredMatrixDecode(f.pb);
+        SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, f.pb);
         for (uint32_t i = 0; i < 1152 * kFrameFloats; ++i)
             ASSERT_EQ(f.block.data[i], 0.0f) << "mode " << mode << ", float " << i;
-        for (const SampleBlock* steer : {&EngineState.SteerHighLR, &EngineState.SteerHighCS,
-                                         &EngineState.SteerLowLR, &EngineState.SteerLowCS}) {
+        for (const SampleBlock* steer : {&TestEngine().Steering.SteerHighLR, &TestEngine().Steering.SteerHighCS,
+                                         &TestEngine().Steering.SteerLowLR, &TestEngine().Steering.SteerLowCS}) {
             ASSERT_EQ(steer->size, 1152u);
             for (uint32_t i = 0; i < 1152; ++i)
                 ASSERT_EQ(steer->data[i], 0.0f);
@@ -363,7 +364,7 @@ TEST(SteeredMatrixDecode, FollowsTheFloatStepsFromBandSplitToTheWrite)
         f.pb.SR = c.switches[4];
         f.FillStereo(left, right);
         const std::vector<float> expected = ReferenceDecode(f.pb, left, right);
-        SteeredMatrixDecode(f.pb);
+        SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, f.pb);
         SCOPED_TRACE(testing::Message() << "mode " << c.mode << ", width " << c.width << ", Virtual_C "
                                         << c.virtualC);
         for (uint32_t i = 0; i < kCount * kFrameFloats; ++i)
@@ -381,7 +382,7 @@ TEST(SteeredMatrixDecode, Mode2SurroundsAreIdenticalSampleForSample)
         f.pb.Surround_Delay = 10;
         f.FillStereo(std::vector<float>(left.begin() + 1152 * block, left.begin() + 1152 * (block + 1)),
                      std::vector<float>(right.begin() + 1152 * block, right.begin() + 1152 * (block + 1)));
-        SteeredMatrixDecode(f.pb);
+        SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, f.pb);
         bool sound = false;
         for (uint32_t i = 0; i < 1152; ++i) {
             ASSERT_EQ(f.at(i, kSlotSL), f.at(i, kSlotSR)) << "block " << block << ", frame " << i;
@@ -404,7 +405,7 @@ TEST(SteeredMatrixDecode, RestStateMode2FollowsTheClosedForm)
         FreshEngine();
         Frames f(1, 32000, 2);
         f.FillStereo({pair[0]}, {pair[1]});
-        SteeredMatrixDecode(f.pb);
+        SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, f.pb);
         const double lin = pair[0];
         const double rin = pair[1];
         const double lo = 0.708 * 0.707 * lin;
@@ -434,7 +435,7 @@ TEST(SteeredMatrixDecode, VirtualCentreSilencesSlot2AndIgnoresTheWidth)
         f.pb.Virtual_C = 1;
         f.pb.Centre_Width = width;
         f.FillStereo(left, right);
-        SteeredMatrixDecode(f.pb);
+        SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, f.pb);
         for (uint32_t i = 0; i < kCount; ++i)
             ASSERT_EQ(f.at(i, kSlotC), 0.0f) << "width " << width << ", frame " << i;
         if (first.empty())
@@ -459,13 +460,13 @@ TEST(SteeredMatrixDecode, Width100GivesTheFrontsTwoThirdsAndTheCentre0_333)
     Frames virtualCentre(kCount, 44100, 3);
     virtualCentre.pb.Virtual_C = 1;
     virtualCentre.FillStereo(silence, right);
-    SteeredMatrixDecode(virtualCentre.pb);
+    SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, virtualCentre.pb);
 
     FreshEngine();
     Frames wide(kCount, 44100, 3);
     wide.pb.Centre_Width = 100;
     wide.FillStereo(silence, right);
-    SteeredMatrixDecode(wide.pb);
+    SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, wide.pb);
 
     const float frontShare = 100.0f * kWidthStep;
     EXPECT_EQ(frontShare, 0.666666687f);
@@ -493,7 +494,7 @@ TEST(SteeredMatrixDecode, Mode4TakesTheSurroundRowsOfMode3)
         Frames f(kCount, 44100, modes[k]);
         f.pb.Surround_Delay = 10;
         f.FillStereo(left, right);
-        SteeredMatrixDecode(f.pb);
+        SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, f.pb);
         outputs[k] = f.Copy();
     }
     EXPECT_EQ(outputs[2], outputs[1]);
@@ -525,7 +526,7 @@ TEST(SteeredMatrixDecode, Mode4AtTheDispatcherClearsTheCentreSettingsAndKeepsSwi
         block.C = 2;
         block.Frames = 1152;
         block.Block = &frames;
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Centre_Width, 0);
         EXPECT_EQ(block.Virtual_C, 0);
         EXPECT_EQ(block.Centre_Trim, 0);
@@ -535,10 +536,10 @@ TEST(SteeredMatrixDecode, Mode4AtTheDispatcherClearsTheCentreSettingsAndKeepsSwi
         EXPECT_EQ(block.SL, 0);
         EXPECT_EQ(block.C, 2);
         // The decoder ran with its tail: the rings took the 20 ms length.
-        EXPECT_EQ(EngineState.SurroundDelayLine[0].size, rate == 44100 ? 881u : 959u);
-        EXPECT_EQ(EngineState.SteerHighLR.size, 1152u);
+        EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[0].size, rate == 44100 ? 881u : 959u);
+        EXPECT_EQ(TestEngine().Steering.SteerHighLR.size, 1152u);
     }
-    EngineReset();
+    EngineReset(TestEngine());
 }
 
 TEST(SteeredMatrixDecode, BlockSplitGivesTheSameFramesAsOneBlock)
@@ -551,7 +552,7 @@ TEST(SteeredMatrixDecode, BlockSplitGivesTheSameFramesAsOneBlock)
     whole.pb.Surround_Delay = 15;
     whole.pb.Centre_Width = 30;
     whole.FillStereo(left, right);
-    SteeredMatrixDecode(whole.pb);
+    SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, whole.pb);
 
     FreshEngine();
     uint32_t start = 0;
@@ -561,7 +562,7 @@ TEST(SteeredMatrixDecode, BlockSplitGivesTheSameFramesAsOneBlock)
         piece.pb.Centre_Width = 30;
         piece.FillStereo(std::vector<float>(left.begin() + start, left.begin() + start + n),
                          std::vector<float>(right.begin() + start, right.begin() + start + n));
-        SteeredMatrixDecode(piece.pb);
+        SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, piece.pb);
         for (uint32_t i = 0; i < n * kFrameFloats; ++i)
             ASSERT_EQ(piece.block.data[i], whole.block.data[6 * start + i]) << "frame " << start + i / 6;
         start += n;

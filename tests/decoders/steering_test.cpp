@@ -21,6 +21,7 @@
 #include "tests/support/frame_block.h"
 #include "tests/support/reference_filters.h"
 #include "tests/support/test_signal.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -303,14 +304,14 @@ TEST(SteeringDetect, HardLeftFollowsTheFloatSmootherOfTheBound)
 
 TEST(BandSplit, HighBandIsThe1200HzHighPassAndLowBandTheRest)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kCount = 1500;
     const std::vector<float> signal = TestSignal(kCount * kFrameFloats, 5);
     FrameBlock frames(kCount, 44100, 3);
     frames.Load(signal);
-    EngineState.HighBand.Resize(2 * kCount, false);
-    EngineState.LowBand.Resize(2 * kCount, false);
-    BandSplit(frames.pb);
+    TestEngine().Steering.HighBand.Resize(2 * kCount, false);
+    TestEngine().Steering.LowBand.Resize(2 * kCount, false);
+    BandSplit(TestEngine().Steering, frames.pb);
 
     ReferenceSection left = ReferenceHighPass(1200.0f, 44100);
     ReferenceSection right = ReferenceHighPass(1200.0f, 44100);
@@ -319,15 +320,15 @@ TEST(BandSplit, HighBandIsThe1200HzHighPassAndLowBandTheRest)
         const float r = signal[6 * i + 1];
         const float hl = ReferenceStep(left, l);
         const float hr = ReferenceStep(right, r);
-        ASSERT_EQ(EngineState.HighBand.data[2 * i], hl) << "frame " << i;
-        ASSERT_EQ(EngineState.HighBand.data[2 * i + 1], hr) << "frame " << i;
-        ASSERT_EQ(EngineState.LowBand.data[2 * i], l - hl) << "frame " << i;
-        ASSERT_EQ(EngineState.LowBand.data[2 * i + 1], r - hr) << "frame " << i;
+        ASSERT_EQ(TestEngine().Steering.HighBand.data[2 * i], hl) << "frame " << i;
+        ASSERT_EQ(TestEngine().Steering.HighBand.data[2 * i + 1], hr) << "frame " << i;
+        ASSERT_EQ(TestEngine().Steering.LowBand.data[2 * i], l - hl) << "frame " << i;
+        ASSERT_EQ(TestEngine().Steering.LowBand.data[2 * i + 1], r - hr) << "frame " << i;
     }
     for (uint32_t i = 0; i < kCount * kFrameFloats; ++i)
         ASSERT_EQ(frames.block.data[i], signal[i]);
-    EXPECT_EQ(EngineState.BandFilter[0].y1, left.m.y1);
-    EXPECT_EQ(EngineState.BandFilter[1].y1, right.m.y1);
+    EXPECT_EQ(TestEngine().Steering.BandFilter[0].y1, left.m.y1);
+    EXPECT_EQ(TestEngine().Steering.BandFilter[1].y1, right.m.y1);
 }
 
 // A constant input: the high band dies away to tiny residues and the low band
@@ -337,7 +338,7 @@ TEST(BandSplit, HighBandIsThe1200HzHighPassAndLowBandTheRest)
 // exactly so, y up to the rounding of the residues' sum and difference.
 TEST(BandSplit, DcHighBandDiesAwayAndItsSteeringComesFromTheResidues)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kCount = 4096;
     SampleBlock frames;
     frames.Resize(kCount * kFrameFloats, true);
@@ -346,11 +347,11 @@ TEST(BandSplit, DcHighBandDiesAwayAndItsSteeringComesFromTheResidues)
         frames.data[6 * i + 1] = 0.25f;
     }
     ProcessorBlock block = MakeBlock(frames, kCount, 44100);
-    EngineState.HighBand.Resize(2 * kCount, false);
-    EngineState.LowBand.Resize(2 * kCount, false);
-    BandSplit(block);
-    const float* high = EngineState.HighBand.data;
-    const float* low = EngineState.LowBand.data;
+    TestEngine().Steering.HighBand.Resize(2 * kCount, false);
+    TestEngine().Steering.LowBand.Resize(2 * kCount, false);
+    BandSplit(TestEngine().Steering, block);
+    const float* high = TestEngine().Steering.HighBand.data;
+    const float* low = TestEngine().Steering.LowBand.data;
 
     float xWhole = 0.0f;
     float yWhole = 0.0f;

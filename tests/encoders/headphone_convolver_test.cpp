@@ -17,6 +17,7 @@
 #include "engine/pcm_conversion.h"
 #include "signal/processor.h"
 #include "tests/support/engine_settings.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ struct Fixture {
 
     explicit Fixture(uint32_t capacityFrames = 8192)
     {
-        EngineReset();
+        EngineReset(TestEngine());
         frames.Resize(capacityFrames * kFrameFloats, true);
         block.Mode = 4;
         block.L = block.R = block.C = block.SL = block.SR = 1;
@@ -50,7 +51,7 @@ struct Fixture {
     uint32_t Run(uint32_t count)
     {
         block.Frames = count;
-        ConvolveHeadphone(block);
+        ConvolveHeadphone(TestEngine().Headphone, block);
         return block.Frames;
     }
 
@@ -87,36 +88,36 @@ TEST(ConvolveHeadphone, HoldsBack8191FramesAndReleasesTheBlockOnTheNext)
 {
     Fixture fx;
     EXPECT_EQ(fx.Run(8191), 0u);
-    EXPECT_EQ(EngineState.Pending_Frames, 8191u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 8191u);
     EXPECT_EQ(fx.Run(1), 8192u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
 }
 
 TEST(ConvolveHeadphone, CompletesABlockAndKeepsTheRestAtTheStartOfTheInputBlocks)
 {
     Fixture fx;
-    EngineState.Pending_Frames = 8000;
+    TestEngine().Headphone.Pending_Frames = 8000;
     for (uint32_t i = 0; i < 1152; ++i) {
         fx.At(i, kSlotL) = float(i) + 1.0f;
         fx.At(i, kSlotSR) = -float(i);
     }
     fx.block.SR = 2;
     EXPECT_EQ(fx.Run(1152), 8192u);
-    EXPECT_EQ(EngineState.Pending_Frames, 960u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 960u);
     // Input frames 192..1151 wait in floats 0..959, times their switches.
     for (uint32_t m = 0; m < 960; ++m) {
-        ASSERT_EQ(EngineState.InputBlock[0].data[m], float(192 + m) + 1.0f) << m;
-        ASSERT_EQ(EngineState.InputBlock[4].data[m], -2.0f * float(192 + m)) << m;
+        ASSERT_EQ(TestEngine().Headphone.InputBlock[0].data[m], float(192 + m) + 1.0f) << m;
+        ASSERT_EQ(TestEngine().Headphone.InputBlock[4].data[m], -2.0f * float(192 + m)) << m;
     }
 }
 
 TEST(ConvolveHeadphone, ZeroFramesWithPendingChangesNothing)
 {
     Fixture fx;
-    EngineState.Pending_Frames = 100;
+    TestEngine().Headphone.Pending_Frames = 100;
     fx.At(0, kSlotL) = 0.25f;
     EXPECT_EQ(fx.Run(0), 0u);
-    EXPECT_EQ(EngineState.Pending_Frames, 100u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 100u);
     EXPECT_EQ(fx.At(0, kSlotL), 0.25f);
     EXPECT_EQ(fx.frames.size, 8192u * kFrameFloats);
 }
@@ -125,7 +126,7 @@ TEST(ConvolveHeadphone, EarBlockIsEmptyAfterACallWithoutAWholeBlock)
 {
     Fixture fx;
     fx.Run(100);
-    EXPECT_EQ(EngineState.EarBlock.size, 0u);
+    EXPECT_EQ(TestEngine().Headphone.EarBlock.size, 0u);
     EXPECT_EQ(fx.block.Frames, 0u);
 }
 
@@ -225,7 +226,7 @@ TEST(ConvolveHeadphone, TwoBlocksInOneCallCarryTheOverlapIntoTheSecond)
     Fixture fx(16384);
     fx.At(8191, kSlotC) = 1.0f;
     ASSERT_EQ(fx.Run(16384), 16384u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
     const std::vector<float> left = Table(ImpulseCentreLeft);
     ExpectTable(fx, kSlotL, left, 1.0, 0, 16384, -8191);
 }
@@ -235,7 +236,7 @@ TEST(ConvolveHeadphone, ResetClearsTheOverlapSoTheNextBlockHasNoTail)
     Fixture fx;
     fx.At(8191, kSlotC) = 1.0f;
     ASSERT_EQ(fx.Run(8192), 8192u);
-    EngineReset();
+    EngineReset(TestEngine());
     fx.Clear();
     ASSERT_EQ(fx.Run(8192), 8192u);
     for (uint32_t i = 0; i < 8192; ++i) {
@@ -256,7 +257,7 @@ TEST(ConvolveHeadphone, WritesAcrossATrackChangeLoseAndDoubleNothing)
         out += fx.Run(w);
         EXPECT_EQ(fx.block.Frames % 8192u, 0u);
     }
-    EXPECT_EQ(out + EngineState.Pending_Frames, in);
+    EXPECT_EQ(out + TestEngine().Headphone.Pending_Frames, in);
 }
 
 TEST(ConvolveHeadphone, FiveSpeakersOfNoiseMatchADirectConvolution)
@@ -341,8 +342,8 @@ void WriteStream(const StreamWords& stream, const std::vector<int16_t>& pcm, Pat
         uint32_t count = std::min(kWriteSizes[w % std::size(kWriteSizes)], frames - done);
         const uint8_t* source = reinterpret_cast<const uint8_t*>(pcm.data() + done * stream.Stream_Channels);
         done += count;
-        ConvertAndProcess(stream, source, count);
-        const int32_t* out = reinterpret_cast<const int32_t*>(PcmBlock.data);
+        ConvertWholeFrames(TestEngine(), TestSettings(), stream, source, count);
+        const int32_t* out = reinterpret_cast<const int32_t*>(TestEngine().PcmBlock.data);
         for (uint32_t i = 0; i < count; ++i) {
             run.outL.push_back(double(out[6 * i]) / double(kOutputFullScale));
             run.outR.push_back(double(out[6 * i + 1]) / double(kOutputFullScale));
@@ -394,7 +395,7 @@ TEST(HeadphonePath, LongSixChannelNoiseMatchesADirectConvolutionAcrossBlocksAndW
     settings.Mode = 4;
     settings.Out_Bits = 32;
     ApplySettings(settings);
-    EngineReset();
+    EngineReset(TestEngine());
     const StreamWords stream = {6, 16, 44100, 32};
     const std::vector<int16_t> pcm = Noise(6 * kFrames, 77);
 
@@ -407,7 +408,7 @@ TEST(HeadphonePath, LongSixChannelNoiseMatchesADirectConvolutionAcrossBlocksAndW
     WriteStream(stream, pcm, run);
 
     EXPECT_EQ(run.outL.size(), 24576u);
-    EXPECT_EQ(EngineState.Pending_Frames, kFrames - 24576u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, kFrames - 24576u);
     EXPECT_LT(WorstAgainstDirectConvolution(run), kFullScaleError);
 }
 
@@ -424,7 +425,7 @@ TEST(HeadphonePath, LongStereoNoiseIsDecodedThenMatchesADirectConvolution)
     ApplySettings(settings);
     const std::vector<int16_t> pcm = Noise(2 * kFrames, 31);
 
-    EngineReset();
+    EngineReset(TestEngine());
     SampleBlock frames;
     frames.Resize(kFrames * kFrameFloats, true);
     for (uint32_t i = 0; i < kFrames; ++i) {
@@ -440,7 +441,7 @@ TEST(HeadphonePath, LongStereoNoiseIsDecodedThenMatchesADirectConvolution)
     block.Sample_Rate = 44100;
     block.Frames = kFrames;
     block.Block = &frames;
-    SteeredMatrixDecode(block);
+    SteeredMatrixDecode(TestEngine().Steering, TestEngine().Surround, block);
 
     PathRun run;
     const uint32_t slots[5] = {kSlotL, kSlotR, kSlotC, kSlotSL, kSlotSR};
@@ -449,7 +450,7 @@ TEST(HeadphonePath, LongStereoNoiseIsDecodedThenMatchesADirectConvolution)
         for (int s = 0; s < 5; ++s)
             run.speakers[s][i] = double(frames.data[6 * i + slots[s]]);
 
-    EngineReset();
+    EngineReset(TestEngine());
     WriteStream({2, 16, 44100, 32}, pcm, run);
     EXPECT_EQ(run.outL.size(), 16384u);
     EXPECT_LT(WorstAgainstDirectConvolution(run), kFullScaleError);

@@ -23,6 +23,7 @@
 #include "tests/support/frame_block.h"
 #include "tests/support/reference_filters.h"
 #include "tests/support/test_signal.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -112,7 +113,7 @@ void ReferenceEncodeMix(std::vector<float>& f, uint32_t frames, int32_t rate, Re
 
 std::vector<float> ChainImpulseResponse(uint32_t length)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     Frames f(length, 44100, 6);
     f.at(0, kSlotLFE) = 1.0f;
     FilterState memory{};
@@ -131,7 +132,7 @@ const FilterState kSentinel{0.125f, -0.25f, 0.375f, -0.5f};
 
 TEST(DownmixSix, LfeAloneFolds1_0540000IntoEachFrontAndNotIntoTheSurroundSum)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     Frames f(1, 44100, 6);
     f.at(0, kSlotLFE) = 1.0f;
     DownmixSix(f.pb);
@@ -308,12 +309,12 @@ TEST(EncodeMix, FollowsTheFloatStepsForEveryFrontEnd)
 {
     for (int32_t channels : {4, 5, 6}) {
         for (int32_t rate : {44100, 48000, 22050}) {
-            EngineReset();
+            EngineReset(TestEngine());
             Frames f(1500, rate, channels);
             f.FillSource(uint32_t(channels + rate));
             FrontEnd(f.pb);
             std::vector<float> expected = f.Copy();
-            EncodeMix(f.pb);
+            EncodeMix(TestEngine().Encoder, f.pb);
             ReferenceSection hp = ReferenceHighPass(100.0f, rate);
             ReferenceSection lp = ReferenceLowPass(7000.0f, rate);
             FilterState chain{};
@@ -321,16 +322,16 @@ TEST(EncodeMix, FollowsTheFloatStepsForEveryFrontEnd)
             for (uint32_t i = 0; i < 1500 * kFrameFloats; ++i)
                 ASSERT_EQ(f.block.data[i], expected[i])
                     << channels << " channels at " << rate << " Hz, frame " << i / 6 << " slot " << i % 6;
-            EXPECT_TRUE(SameMemory(EngineState.LfeHighPass, hp.m));
-            EXPECT_TRUE(SameMemory(EngineState.LfeLowPass, lp.m));
-            EXPECT_TRUE(SameMemory(EngineState.LfeChain, chain));
+            EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeHighPass, hp.m));
+            EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeLowPass, lp.m));
+            EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeChain, chain));
         }
     }
 }
 
 TEST(EncodeMix, FourChannelsWithSilentSurroundsGiveEachSideItsOwnPlusTheCentre)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     Frames f(800, 44100, 4);
     f.FillSource(4);
     for (uint32_t i = 0; i < 800; ++i) {
@@ -339,7 +340,7 @@ TEST(EncodeMix, FourChannelsWithSilentSurroundsGiveEachSideItsOwnPlusTheCentre)
     }
     const std::vector<float> in = f.Copy();
     DownmixFour(f.pb);
-    EncodeMix(f.pb);
+    EncodeMix(TestEngine().Encoder, f.pb);
     for (uint32_t i = 0; i < 800; ++i) {
         const float l = in[6 * i];
         const float r = in[6 * i + 1];
@@ -357,7 +358,7 @@ TEST(EncodeMix, FourChannelsWithSilentSurroundsGiveEachSideItsOwnPlusTheCentre)
 TEST(EncodeMix, SurroundOnlyComesOutEqualAndOppositeOnBothSides)
 {
     for (int32_t channels : {4, 6}) {
-        EngineReset();
+        EngineReset(TestEngine());
         constexpr uint32_t kCount = 8192;
         Frames f(kCount, 44100, channels);
         for (uint32_t i = 0; i < kCount; ++i) {
@@ -366,7 +367,7 @@ TEST(EncodeMix, SurroundOnlyComesOutEqualAndOppositeOnBothSides)
             f.at(i, kSlotSR) = v;
         }
         FrontEnd(f.pb);
-        EncodeMix(f.pb);
+        EncodeMix(TestEngine().Encoder, f.pb);
         double peak = 0.0;
         for (uint32_t i = 0; i < kCount; ++i) {
             ASSERT_EQ(f.at(i, kSlotR), -f.at(i, kSlotL)) << channels << " channels, frame " << i;
@@ -384,11 +385,11 @@ TEST(EncodeMix, SurroundOnlyComesOutEqualAndOppositeOnBothSides)
 TEST(EncodeMix, LeavesSlots2To5ExactlyZero)
 {
     for (int32_t channels : {4, 5, 6}) {
-        EngineReset();
+        EngineReset(TestEngine());
         Frames f(1000, 48000, channels);
         f.FillSource(5);
         FrontEnd(f.pb);
-        EncodeMix(f.pb);
+        EncodeMix(TestEngine().Encoder, f.pb);
         for (uint32_t i = 0; i < 1000; ++i) {
             for (uint32_t s = 2; s < kFrameFloats; ++s) {
                 ASSERT_EQ(f.at(i, s), 0.0f) << channels << " channels, frame " << i << " slot " << s;
@@ -400,10 +401,10 @@ TEST(EncodeMix, LeavesSlots2To5ExactlyZero)
 
 TEST(EncodeMix, StereoSourceInMode5IsOnlyScaledBy0_707)
 {
-    EngineReset();
-    EngineState.LfeHighPass = kSentinel;
-    EngineState.LfeLowPass = kSentinel;
-    EngineState.LfeChain = kSentinel;
+    EngineReset(TestEngine());
+    TestEngine().Encoder.LfeHighPass = kSentinel;
+    TestEngine().Encoder.LfeLowPass = kSentinel;
+    TestEngine().Encoder.LfeChain = kSentinel;
     SampleBlock frames;
     frames.Resize(49152, true);
     const std::vector<float> signal = TestSignal(2 * 1152, 6);
@@ -415,7 +416,7 @@ TEST(EncodeMix, StereoSourceInMode5IsOnlyScaledBy0_707)
     ProcessorBlock block = settings.pb;
     block.Frames = 1152;
     block.Block = &frames;
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Frames, 1152u);
     EXPECT_EQ(block.Out_Channels, 2);
     for (uint32_t i = 0; i < 1152; ++i) {
@@ -424,10 +425,10 @@ TEST(EncodeMix, StereoSourceInMode5IsOnlyScaledBy0_707)
         for (uint32_t s = 2; s < kFrameFloats; ++s)
             ASSERT_EQ(frames.data[6 * i + s], 0.0f);
     }
-    EXPECT_TRUE(SameMemory(EngineState.LfeHighPass, kSentinel));
-    EXPECT_TRUE(SameMemory(EngineState.LfeLowPass, kSentinel));
-    EXPECT_TRUE(SameMemory(EngineState.LfeChain, kSentinel));
-    EngineReset();
+    EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeHighPass, kSentinel));
+    EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeLowPass, kSentinel));
+    EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeChain, kSentinel));
+    EngineReset(TestEngine());
 }
 
 // One-frame writes carry on from the memories like any other: the frames
@@ -436,15 +437,15 @@ TEST(EncodeMix, WritesOfOneFrameGiveTheSameFramesAsOneWrite)
 {
     constexpr uint32_t kCount = 1200;
     for (int32_t channels : {4, 6}) {
-        EngineReset();
+        EngineReset(TestEngine());
         Frames whole(kCount, 44100, channels);
         whole.FillSource(7);
         const std::vector<float> in = whole.Copy();
         FrontEnd(whole.pb);
-        EncodeMix(whole.pb);
+        EncodeMix(TestEngine().Encoder, whole.pb);
         EXPECT_EQ(whole.pb.Frames, kCount);
 
-        EngineReset();
+        EngineReset(TestEngine());
         uint32_t start = 0;
         const uint32_t pieces[] = {1, 1, 1, 576, 1, 300, 320};
         for (uint32_t n : pieces) {
@@ -452,7 +453,7 @@ TEST(EncodeMix, WritesOfOneFrameGiveTheSameFramesAsOneWrite)
             for (uint32_t i = 0; i < n * kFrameFloats; ++i)
                 piece.block.data[i] = in[6 * start + i];
             FrontEnd(piece.pb);
-            EncodeMix(piece.pb);
+            EncodeMix(TestEngine().Encoder, piece.pb);
             EXPECT_EQ(piece.pb.Frames, n);
             for (uint32_t i = 0; i < n * kFrameFloats; ++i)
                 ASSERT_EQ(piece.block.data[i], whole.block.data[6 * start + i])
@@ -465,7 +466,7 @@ TEST(EncodeMix, WritesOfOneFrameGiveTheSameFramesAsOneWrite)
 
 TEST(EncodeMix, SixChannelsInMode5ThroughTheDispatcherKeepTheFrameCount)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     SampleBlock frames;
     frames.Resize(49152, true);
     const std::vector<float> signal = TestSignal(1152 * kFrameFloats, 8);
@@ -475,27 +476,27 @@ TEST(EncodeMix, SixChannelsInMode5ThroughTheDispatcherKeepTheFrameCount)
     ProcessorBlock block = settings.pb;
     block.Frames = 1152;
     block.Block = &frames;
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Frames, 1152u);
     EXPECT_EQ(block.Out_Channels, 2);
 
-    EngineReset();
+    EngineReset(TestEngine());
     Frames direct(1152, 44100, 6);
     for (uint32_t i = 0; i < 1152 * kFrameFloats; ++i)
         direct.block.data[i] = signal[i];
     DownmixSix(direct.pb);
-    EncodeMix(direct.pb);
+    EncodeMix(TestEngine().Encoder, direct.pb);
     for (uint32_t i = 0; i < 1152 * kFrameFloats; ++i)
         ASSERT_EQ(frames.data[i], direct.block.data[i]) << "frame " << i / 6 << " slot " << i % 6;
-    EngineReset();
+    EngineReset(TestEngine());
 }
 
 TEST(EncodeMix, FrameCountZeroChangesNeitherFramesNorMemories)
 {
-    EngineReset();
-    EngineState.LfeHighPass = kSentinel;
-    EngineState.LfeLowPass = kSentinel;
-    EngineState.LfeChain = kSentinel;
+    EngineReset(TestEngine());
+    TestEngine().Encoder.LfeHighPass = kSentinel;
+    TestEngine().Encoder.LfeLowPass = kSentinel;
+    TestEngine().Encoder.LfeChain = kSentinel;
     Frames f(10, 44100, 6);
     f.FillSource(9);
     const std::vector<float> before = f.Copy();
@@ -503,15 +504,15 @@ TEST(EncodeMix, FrameCountZeroChangesNeitherFramesNorMemories)
     DownmixFour(f.pb);
     DownmixFive(f.pb);
     DownmixSix(f.pb);
-    EncodeMix(f.pb);
+    EncodeMix(TestEngine().Encoder, f.pb);
     FilterState chain = kSentinel;
     SurroundPhaseChain(chain, f.pb);
     EXPECT_EQ(f.pb.Frames, 0u);
     for (uint32_t i = 0; i < 10 * kFrameFloats; ++i)
         ASSERT_EQ(f.block.data[i], before[i]) << "float " << i;
-    EXPECT_TRUE(SameMemory(EngineState.LfeHighPass, kSentinel));
-    EXPECT_TRUE(SameMemory(EngineState.LfeLowPass, kSentinel));
-    EXPECT_TRUE(SameMemory(EngineState.LfeChain, kSentinel));
+    EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeHighPass, kSentinel));
+    EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeLowPass, kSentinel));
+    EXPECT_TRUE(SameMemory(TestEngine().Encoder.LfeChain, kSentinel));
     EXPECT_TRUE(SameMemory(chain, kSentinel));
-    EngineReset();
+    EngineReset(TestEngine());
 }

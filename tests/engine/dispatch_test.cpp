@@ -26,6 +26,7 @@
 #include "tests/support/engine_settings.h"
 #include "tests/support/pcm_words.h"
 #include "tests/support/trim_gain.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -50,7 +51,7 @@ protected:
 
     void SetUp() override
     {
-        EngineReset();
+        EngineReset(TestEngine());
         SetSettings(0);
         frames_.Resize(kFrameBlockFloats, true);
     }
@@ -122,8 +123,8 @@ protected:
     // resize at their top, so that a stage that ran shows.
     void MarkScratch()
     {
-        EngineState.HighBand.Resize(2, false);
-        EngineState.BassSum.Resize(3, false);
+        TestEngine().Steering.HighBand.Resize(2, false);
+        TestEngine().Bass.BassSum.Resize(3, false);
     }
 };
 
@@ -175,24 +176,24 @@ TEST_F(Dispatch, OutputFrames_Mode4KeepsWholeBlocksOf8192)
         {1152, 8000, 8192},
     };
     for (const Case& c : cases) {
-        EngineState.Pending_Frames = c.pending;
+        TestEngine().Headphone.Pending_Frames = c.pending;
         ProcessorBlock block = MakeBlock(kHeadphoneMode, 2, 44100, c.frames);
-        EXPECT_EQ(OutputFrames(block), c.expected) << c.frames << " + " << c.pending;
-        EXPECT_EQ(EngineState.Pending_Frames, c.pending);
+        EXPECT_EQ(OutputFrames(TestEngine(), block), c.expected) << c.frames << " + " << c.pending;
+        EXPECT_EQ(TestEngine().Headphone.Pending_Frames, c.pending);
         EXPECT_EQ(block.Frames, c.frames);
     }
 }
 
 TEST_F(Dispatch, OutputFrames_OtherModesAddThePendingFrames)
 {
-    EngineState.Pending_Frames = 3000;
+    TestEngine().Headphone.Pending_Frames = 3000;
     for (int32_t mode : {0, 1, 2, 3, 5, 7}) {
         ProcessorBlock block = MakeBlock(mode, 2, 44100, 1152);
-        EXPECT_EQ(OutputFrames(block), 4152u) << "mode " << mode;
+        EXPECT_EQ(OutputFrames(TestEngine(), block), 4152u) << "mode " << mode;
     }
-    EngineState.Pending_Frames = 0;
+    TestEngine().Headphone.Pending_Frames = 0;
     ProcessorBlock block = MakeBlock(0, 2, 44100, 8191);
-    EXPECT_EQ(OutputFrames(block), 8191u);
+    EXPECT_EQ(OutputFrames(TestEngine(), block), 8191u);
 }
 
 // ---------------------------------------------------------------------------
@@ -216,7 +217,7 @@ TEST_F(Dispatch, Mode4_ClearsCentreAndBassWordsAndLeavesTheOthers)
     block.C = 2;
     block.SL = 0;
     block.SR = 1;
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
 
     EXPECT_EQ(block.Mode, kHeadphoneMode);
     EXPECT_EQ(block.Centre_Width, 0);
@@ -254,11 +255,11 @@ TEST_F(Dispatch, SurroundTrim_StoredTwoShowsFiveInModes01235AndThreeInMode4)
     for (const Case& c : cases) {
         SCOPED_TRACE(::testing::Message() << "mode " << c.mode << ", " << c.channels << " channels, "
                                           << c.rate << " Hz");
-        EngineReset();
+        EngineReset(TestEngine());
         FillSource(64, c.channels);
         ProcessorBlock block = MakeBlock(c.mode, c.channels, c.rate, 64);
         block.Surround_Trim_00 = 2;
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Surround_Trim_00, c.expected);
     }
 }
@@ -270,7 +271,7 @@ TEST_F(Dispatch, SurroundTrim_FixedDecoderSurroundGainIsTenToThePower0Point15)
     Slot(0, 0) = 1.0f;
     Slot(0, 1) = -1.0f;
     ProcessorBlock block = MakeBlock(1, 2, 32000, 1);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     const float gs = Gain(3);
     EXPECT_NEAR(gs, 1.41254f, 1e-5f);
     EXPECT_EQ(Slot(0, 4), 0.707f * gs);
@@ -280,16 +281,16 @@ TEST_F(Dispatch, SurroundTrim_FixedDecoderSurroundGainIsTenToThePower0Point15)
 TEST_F(Dispatch, SurroundTrim_StoredValueStaysAndTheOffsetDoesNotAccumulate)
 {
     SetSettings(1);
-    ProcessorSettings.Surround_Trim_00 = 2;
+    TestSettings().Surround_Trim_00 = 2;
     std::vector<uint8_t> source = Source16(1, 2, [](uint32_t, uint32_t k) { return int16_t(k == 0 ? 16384 : -16384); });
     const float expected = (1.0f * ((0.707f * 0.25f) + (-0.707f * -0.25f))) * Gain(5);
     for (int write = 0; write < 3; ++write) {
         uint32_t frames = 1;
-        ConvertAndProcess(StreamWords{2, 16, 32000, 16}, source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
         ASSERT_EQ(frames, 1u);
-        EXPECT_EQ(FrameBlock.data[4], expected) << "write " << write;
-        EXPECT_EQ(FrameBlock.data[5], expected) << "write " << write;
-        EXPECT_EQ(ProcessorSettings.Surround_Trim_00, 2);
+        EXPECT_EQ(TestEngine().FrameBlock.data[4], expected) << "write " << write;
+        EXPECT_EQ(TestEngine().FrameBlock.data[5], expected) << "write " << write;
+        EXPECT_EQ(TestSettings().Surround_Trim_00, 2);
     }
 }
 
@@ -302,23 +303,23 @@ TEST_F(Dispatch, SettingsWordsReachTheStagesThroughTheRecord)
     // that shows: odd switch values, both trims, a 1 ms delay, the bass
     // redirection inverted with a trim. Input (0.5, -0.25).
     SetSettings(1);
-    ProcessorSettings.Centre_Trim = -6;
-    ProcessorSettings.Surround_Trim_00 = 2;
-    ProcessorSettings.Surround_Delay = 1;
-    ProcessorSettings.Bass_Redir = 150;
-    ProcessorSettings.Bass_Redir_Enable = 1;
-    ProcessorSettings.Bass_Trim = 4;
-    ProcessorSettings.Bass_Invert = 1;
-    ProcessorSettings.L = 2;
-    ProcessorSettings.R = 3;
-    ProcessorSettings.C = -1;
-    ProcessorSettings.SL = 0;
-    ProcessorSettings.SR = 1;
+    TestSettings().Centre_Trim = -6;
+    TestSettings().Surround_Trim_00 = 2;
+    TestSettings().Surround_Delay = 1;
+    TestSettings().Bass_Redir = 150;
+    TestSettings().Bass_Redir_Enable = 1;
+    TestSettings().Bass_Trim = 4;
+    TestSettings().Bass_Invert = 1;
+    TestSettings().L = 2;
+    TestSettings().R = 3;
+    TestSettings().C = -1;
+    TestSettings().SL = 0;
+    TestSettings().SR = 1;
     const uint32_t count = 40;
     std::vector<uint8_t> source =
         Source16(count, 2, [](uint32_t, uint32_t k) { return int16_t(k == 0 ? 16384 : -8192); });
     uint32_t frames = count;
-    ConvertAndProcess(StreamWords{2, 16, 32000, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
     ASSERT_EQ(frames, count);
 
     // Matrix, then the switches and gains, in the order the decoder takes them.
@@ -344,7 +345,7 @@ TEST_F(Dispatch, SettingsWordsReachTheStagesThroughTheRecord)
     const float bassGain = float(std::pow(10.0, 4.0 * double(0.05f)) * -1.0 * double(0.316f));
     const float lfe = (side * bassGain) + 0.0f;
 
-    const float* f = FrameBlock.data;
+    const float* f = TestEngine().FrameBlock.data;
     EXPECT_EQ(f[0], left * a);    // high-passed in place
     EXPECT_EQ(f[1], right * a);
     EXPECT_EQ(f[2], centre * a);
@@ -369,23 +370,23 @@ TEST_F(Dispatch, CentreWidthAndVirtualCentreReachTheSteeredDecoder)
     const double craw = 0.501 * (l + r);
 
     SetSettings(3);
-    ProcessorSettings.Centre_Width = 100;
+    TestSettings().Centre_Width = 100;
     uint32_t frames = 1;
-    ConvertAndProcess(StreamWords{2, 16, 22050, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
     ASSERT_EQ(frames, 1u);
-    EXPECT_NEAR(FrameBlock.data[0], 0.708 * l + 0.666666687 * craw, 1e-5);
-    EXPECT_NEAR(FrameBlock.data[1], 0.708 * r + 0.666666687 * craw, 1e-5);
-    EXPECT_NEAR(FrameBlock.data[2], 0.333 * craw, 1e-5);
+    EXPECT_NEAR(TestEngine().FrameBlock.data[0], 0.708 * l + 0.666666687 * craw, 1e-5);
+    EXPECT_NEAR(TestEngine().FrameBlock.data[1], 0.708 * r + 0.666666687 * craw, 1e-5);
+    EXPECT_NEAR(TestEngine().FrameBlock.data[2], 0.333 * craw, 1e-5);
 
-    EngineReset();
-    ProcessorSettings.Centre_Width = 100;
-    ProcessorSettings.Virtual_C = 1;
+    EngineReset(TestEngine());
+    TestSettings().Centre_Width = 100;
+    TestSettings().Virtual_C = 1;
     frames = 1;
-    ConvertAndProcess(StreamWords{2, 16, 22050, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
     ASSERT_EQ(frames, 1u);
-    EXPECT_NEAR(FrameBlock.data[0], 0.708 * l + 0.5 * craw, 1e-5);
-    EXPECT_NEAR(FrameBlock.data[1], 0.708 * r + 0.5 * craw, 1e-5);
-    EXPECT_EQ(FrameBlock.data[2], 0.0f);
+    EXPECT_NEAR(TestEngine().FrameBlock.data[0], 0.708 * l + 0.5 * craw, 1e-5);
+    EXPECT_NEAR(TestEngine().FrameBlock.data[1], 0.708 * r + 0.5 * craw, 1e-5);
+    EXPECT_EQ(TestEngine().FrameBlock.data[2], 0.0f);
 }
 
 // ---------------------------------------------------------------------------
@@ -397,32 +398,32 @@ TEST_F(Dispatch, Stereo_Mode0_PassThroughWithOutChannels2)
     const std::vector<float> before = Snapshot(100);
     MarkScratch();
     ProcessorBlock block = MakeBlock(0, 2, 44100, 100);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Out_Channels, 2);
     EXPECT_EQ(block.Frames, 100u);
     ExpectPassThrough(before, frames_, 100);
-    EXPECT_EQ(EngineState.HighBand.size, 2u);
-    EXPECT_EQ(EngineState.BassSum.size, 3u);
+    EXPECT_EQ(TestEngine().Steering.HighBand.size, 2u);
+    EXPECT_EQ(TestEngine().Bass.BassSum.size, 3u);
 }
 
 TEST_F(Dispatch, Stereo_Mode5_PassThroughAndEncoderMemoriesStandStill)
 {
     FillSource(100, 2);
     const std::vector<float> before = Snapshot(100);
-    EngineState.LfeHighPass = FilterState{0.1f, 0.2f, 0.3f, 0.4f};
-    EngineState.LfeLowPass = FilterState{0.5f, 0.6f, 0.7f, 0.8f};
-    EngineState.LfeChain = FilterState{0.9f, 1.0f, 1.1f, 1.2f};
+    TestEngine().Encoder.LfeHighPass = FilterState{0.1f, 0.2f, 0.3f, 0.4f};
+    TestEngine().Encoder.LfeLowPass = FilterState{0.5f, 0.6f, 0.7f, 0.8f};
+    TestEngine().Encoder.LfeChain = FilterState{0.9f, 1.0f, 1.1f, 1.2f};
     ProcessorBlock block = MakeBlock(kEncodeMode, 2, 44100, 100);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Out_Channels, 2);
     EXPECT_EQ(block.Frames, 100u);
     ExpectPassThrough(before, frames_, 100);
-    EXPECT_EQ(EngineState.LfeHighPass.x1, 0.1f);
-    EXPECT_EQ(EngineState.LfeHighPass.y2, 0.4f);
-    EXPECT_EQ(EngineState.LfeLowPass.x1, 0.5f);
-    EXPECT_EQ(EngineState.LfeLowPass.y2, 0.8f);
-    EXPECT_EQ(EngineState.LfeChain.x1, 0.9f);
-    EXPECT_EQ(EngineState.LfeChain.y2, 1.2f);
+    EXPECT_EQ(TestEngine().Encoder.LfeHighPass.x1, 0.1f);
+    EXPECT_EQ(TestEngine().Encoder.LfeHighPass.y2, 0.4f);
+    EXPECT_EQ(TestEngine().Encoder.LfeLowPass.x1, 0.5f);
+    EXPECT_EQ(TestEngine().Encoder.LfeLowPass.y2, 0.8f);
+    EXPECT_EQ(TestEngine().Encoder.LfeChain.x1, 0.9f);
+    EXPECT_EQ(TestEngine().Encoder.LfeChain.y2, 1.2f);
 }
 
 TEST_F(Dispatch, Stereo_Mode3At22050_IsDecoded)
@@ -437,12 +438,12 @@ TEST_F(Dispatch, Stereo_Mode3At22050_IsDecoded)
     }
     MarkScratch();
     ProcessorBlock block = MakeBlock(3, 2, 22050, 2);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
 
     EXPECT_EQ(block.Out_Channels, 6);
     EXPECT_EQ(block.Frames, 2u);
-    EXPECT_EQ(EngineState.HighBand.size, 4u);  // the decoder ran
-    EXPECT_EQ(EngineState.BassSum.size, 2u);   // and the bass redirection after it
+    EXPECT_EQ(TestEngine().Steering.HighBand.size, 4u);  // the decoder ran
+    EXPECT_EQ(TestEngine().Bass.BassSum.size, 2u);   // and the bass redirection after it
     const double gs = std::pow(10.0, 3 * 0.05);
     const double l = 0.707 * lin;
     const double r = 0.707 * rin;
@@ -464,7 +465,7 @@ TEST_F(Dispatch, Stereo_Mode2At22050_IsDecodedWithOneSurround)
     Slot(0, 0) = lin;
     Slot(0, 1) = rin;
     ProcessorBlock block = MakeBlock(2, 2, 22050, 1);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
 
     EXPECT_EQ(block.Out_Channels, 6);
     const double gs = std::pow(10.0, 3 * 0.05);
@@ -479,13 +480,13 @@ TEST_F(Dispatch, Stereo_Mode2And3_BassRedirectionFollowsTheDecoder)
 {
     for (int32_t mode : {2, 3}) {
         SCOPED_TRACE(::testing::Message() << "mode " << mode);
-        EngineReset();
+        EngineReset(TestEngine());
         FillSource(256, 2);
         ProcessorBlock block = MakeBlock(mode, 2, 44100, 256);
         block.Bass_Redir_Enable = 1;
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Out_Channels, 6);
-        EXPECT_EQ(EngineState.BassSum.size, 256u);
+        EXPECT_EQ(TestEngine().Bass.BassSum.size, 256u);
         float lfe = 0.0f;
         for (uint32_t i = 0; i < 256; ++i)
             lfe += std::fabs(Slot(i, 3));
@@ -497,24 +498,24 @@ TEST_F(Dispatch, Stereo_Mode4At44100And48000_DecoderThenConvolver)
 {
     for (int32_t rate : {44100, 48000}) {
         SCOPED_TRACE(::testing::Message() << rate << " Hz");
-        EngineReset();
+        EngineReset(TestEngine());
         MarkScratch();
         FillSource(1152, 2);
         ProcessorBlock block = MakeBlock(kHeadphoneMode, 2, rate, 1152);
         block.Bass_Redir_Enable = 1;  // cleared in mode 4: the bass stage does not run
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Out_Channels, 2);
         EXPECT_EQ(block.Frames, 0u);
-        EXPECT_EQ(EngineState.Pending_Frames, 1152u);
-        EXPECT_EQ(EngineState.HighBand.size, 2u * 1152u);  // the decoder ran
-        EXPECT_EQ(EngineState.BassSum.size, 3u);          // the bass redirection did not
+        EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 1152u);
+        EXPECT_EQ(TestEngine().Steering.HighBand.size, 2u * 1152u);  // the decoder ran
+        EXPECT_EQ(TestEngine().Bass.BassSum.size, 3u);          // the bass redirection did not
 
         // 7040 more frames complete the block; nothing is added by a tail.
         FillSource(7040, 2);
         block = MakeBlock(kHeadphoneMode, 2, rate, 7040);
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Frames, 8192u);
-        EXPECT_EQ(EngineState.Pending_Frames, 0u);
+        EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
         EXPECT_EQ(block.Out_Channels, 2);
         for (uint32_t i = 0; i < 8192; ++i)
             for (uint32_t s = 2; s < 6; ++s)
@@ -526,17 +527,17 @@ TEST_F(Dispatch, Stereo_Mode4At44099And48001_FramesLeaveUnchangedWithout0707)
 {
     for (int32_t rate : {44099, 48001, kRawRate, 22050, 96000, 0, -44100}) {
         SCOPED_TRACE(::testing::Message() << rate << " Hz");
-        EngineReset();
-        EngineState.Pending_Frames = 100;
+        EngineReset(TestEngine());
+        TestEngine().Headphone.Pending_Frames = 100;
         MarkScratch();
         FillSource(500, 2);
         const std::vector<float> before = Snapshot(500);
         ProcessorBlock block = MakeBlock(kHeadphoneMode, 2, rate, 500);
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Out_Channels, 2);
         EXPECT_EQ(block.Frames, 500u);
-        EXPECT_EQ(EngineState.Pending_Frames, 100u);
-        EXPECT_EQ(EngineState.HighBand.size, 2u);  // the range test also skips the decoder
+        EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 100u);
+        EXPECT_EQ(TestEngine().Steering.HighBand.size, 2u);  // the range test also skips the decoder
         ExpectUnchanged(before, frames_, 500);
     }
 }
@@ -550,12 +551,12 @@ TEST_F(Dispatch, Stereo_Mode1_FixedMatrixThenBassRedirection)
     Slot(1, 1) = -1.0f;
     MarkScratch();
     ProcessorBlock block = MakeBlock(1, 2, 32000, 2);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
 
     EXPECT_EQ(block.Out_Channels, 6);
     EXPECT_EQ(block.Frames, 2u);
-    EXPECT_EQ(EngineState.BassSum.size, 2u);  // the bass stage ran (switched off)
-    EXPECT_EQ(EngineState.HighBand.size, 2u);
+    EXPECT_EQ(TestEngine().Bass.BassSum.size, 2u);  // the bass stage ran (switched off)
+    EXPECT_EQ(TestEngine().Steering.HighBand.size, 2u);
     EXPECT_EQ(Slot(0, 0), 0.5f);
     EXPECT_EQ(Slot(0, 1), 0.5f);
     EXPECT_EQ(Slot(0, 2), 0.707f);
@@ -578,7 +579,7 @@ TEST_F(Dispatch, Stereo_Mode1WithBassRedirection_FillsLfe)
     }
     ProcessorBlock block = MakeBlock(1, 2, 44100, 64);
     block.Bass_Redir_Enable = 1;
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Out_Channels, 6);
     for (uint32_t i = 0; i < 64; ++i)
         ASSERT_GT(Slot(i, 3), 0.0f) << "frame " << i;  // constant input: the lows go to LFE
@@ -588,15 +589,15 @@ TEST_F(Dispatch, Stereo_Mode7AndOtherValuesActAsMode1)
 {
     for (int32_t mode : {7, 6, -1, 100, std::numeric_limits<int32_t>::min()}) {
         SCOPED_TRACE(::testing::Message() << "mode " << mode);
-        EngineReset();
+        EngineReset(TestEngine());
         MarkScratch();
         Slot(0, 0) = 1.0f;
         Slot(0, 1) = -1.0f;
         ProcessorBlock block = MakeBlock(mode, 2, 32000, 1);
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Out_Channels, 6);
         EXPECT_EQ(block.Surround_Trim_00, 3);
-        EXPECT_EQ(EngineState.BassSum.size, 1u);
+        EXPECT_EQ(TestEngine().Bass.BassSum.size, 1u);
         EXPECT_EQ(Slot(0, 0), 0.5f);
         EXPECT_EQ(Slot(0, 1), -0.5f);
         EXPECT_EQ(Slot(0, 2), 0.0f);
@@ -613,22 +614,22 @@ TEST_F(Dispatch, MultiChannel_Mode4At44100And48000_ConvolverAlone)
     for (int32_t channels : {4, 5, 6}) {
         for (int32_t rate : {44100, 48000}) {
             SCOPED_TRACE(::testing::Message() << channels << " channels, " << rate << " Hz");
-            EngineReset();
+            EngineReset(TestEngine());
             MarkScratch();
             FillSource(8191, channels);
             ProcessorBlock block = MakeBlock(kHeadphoneMode, channels, rate, 8191);
-            DispatchMode(block);
+            DispatchMode(TestEngine(), block);
             EXPECT_EQ(block.Out_Channels, 2);
             EXPECT_EQ(block.Frames, 0u);
-            EXPECT_EQ(EngineState.Pending_Frames, 8191u);
-            EXPECT_EQ(EngineState.HighBand.size, 2u);  // no decoder
-            EXPECT_EQ(EngineState.BassSum.size, 3u);
+            EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 8191u);
+            EXPECT_EQ(TestEngine().Steering.HighBand.size, 2u);  // no decoder
+            EXPECT_EQ(TestEngine().Bass.BassSum.size, 3u);
 
             FillSource(1, channels);
             block = MakeBlock(kHeadphoneMode, channels, rate, 1);
-            DispatchMode(block);
+            DispatchMode(TestEngine(), block);
             EXPECT_EQ(block.Frames, 8192u);
-            EXPECT_EQ(EngineState.Pending_Frames, 0u);
+            EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
             for (uint32_t i = 0; i < 8192; ++i)
                 for (uint32_t s = 2; s < 6; ++s)
                     ASSERT_EQ(Slot(i, s), 0.0f) << "frame " << i << " slot " << s;
@@ -641,15 +642,15 @@ TEST_F(Dispatch, MultiChannel_Mode4OutOfRange_CallEndsWithInChannels)
     for (int32_t channels : {4, 5, 6}) {
         for (int32_t rate : {44099, 48001, kRawRate}) {
             SCOPED_TRACE(::testing::Message() << channels << " channels, " << rate << " Hz");
-            EngineReset();
-            EngineState.Pending_Frames = 2000;
+            EngineReset(TestEngine());
+            TestEngine().Headphone.Pending_Frames = 2000;
             FillSource(300, channels);
             const std::vector<float> before = Snapshot(300);
             ProcessorBlock block = MakeBlock(kHeadphoneMode, channels, rate, 300);
-            DispatchMode(block);
+            DispatchMode(TestEngine(), block);
             EXPECT_EQ(block.Out_Channels, channels);
             EXPECT_EQ(block.Frames, 300u);
-            EXPECT_EQ(EngineState.Pending_Frames, 2000u);
+            EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 2000u);
             ExpectUnchanged(before, frames_, 300);
         }
     }
@@ -665,7 +666,7 @@ TEST_F(Dispatch, FourChannels_Mode5_DownmixFourThenEncodeMix)
     }
     const std::vector<float> before = Snapshot(200);
     ProcessorBlock block = MakeBlock(kEncodeMode, 4, 44100, 200);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Out_Channels, 2);
     EXPECT_EQ(block.Frames, 200u);
     for (uint32_t i = 0; i < 200; ++i) {
@@ -692,7 +693,7 @@ TEST_F(Dispatch, FiveChannels_Mode5_DownmixFiveWalkThenEncodeMix)
         Slot(i, 2) = 0.25f;
     }
     ProcessorBlock block = MakeBlock(kEncodeMode, 5, 44100, 12);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Out_Channels, 2);
     EXPECT_EQ(block.Frames, 12u);
     const float c = 0.25f * 0.707f;
@@ -715,7 +716,7 @@ TEST_F(Dispatch, SixChannels_Mode5_DownmixSixThenEncodeMix)
         Slot(i, 3) = 1.0f;
     }
     ProcessorBlock block = MakeBlock(kEncodeMode, 6, 44100, 16);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Out_Channels, 2);
     EXPECT_EQ(block.Frames, 16u);
     const float t = (1.0f * 0.33333334f) * 3.162f;
@@ -734,16 +735,16 @@ TEST_F(Dispatch, MultiChannel_OtherModes_PassThroughWithAllChannels)
     for (int32_t channels : {4, 5, 6}) {
         for (int32_t mode : {0, 1, 2, 3, 7, -1}) {
             SCOPED_TRACE(::testing::Message() << channels << " channels, mode " << mode);
-            EngineReset();
+            EngineReset(TestEngine());
             MarkScratch();
             FillSource(300, channels);
             const std::vector<float> before = Snapshot(300);
             ProcessorBlock block = MakeBlock(mode, channels, 44100, 300);
-            DispatchMode(block);
+            DispatchMode(TestEngine(), block);
             EXPECT_EQ(block.Out_Channels, channels);
             EXPECT_EQ(block.Frames, 300u);
-            EXPECT_EQ(EngineState.HighBand.size, 2u);  // no decoding
-            EXPECT_EQ(EngineState.BassSum.size, 3u);
+            EXPECT_EQ(TestEngine().Steering.HighBand.size, 2u);  // no decoding
+            EXPECT_EQ(TestEngine().Bass.BassSum.size, 3u);
             ExpectPassThrough(before, frames_, 300);
         }
     }
@@ -755,9 +756,9 @@ TEST_F(Dispatch, FourChannels_Mode1_PassThroughAt0707NoDecoding)
     const std::vector<float> before = Snapshot(64);
     MarkScratch();
     ProcessorBlock block = MakeBlock(1, 4, 44100, 64);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Out_Channels, 4);
-    EXPECT_EQ(EngineState.BassSum.size, 3u);
+    EXPECT_EQ(TestEngine().Bass.BassSum.size, 3u);
     ExpectPassThrough(before, frames_, 64);
 }
 
@@ -766,7 +767,7 @@ TEST_F(Dispatch, SixChannels_Mode7_PassThrough)
     FillSource(64, 6);
     const std::vector<float> before = Snapshot(64);
     ProcessorBlock block = MakeBlock(7, 6, 44100, 64);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Out_Channels, 6);
     ExpectPassThrough(before, frames_, 64);
 }
@@ -779,11 +780,11 @@ TEST_F(Dispatch, OtherChannelCounts_AnyMode_PassThrough)
     for (int32_t channels : {1, 3, 7, 8}) {
         for (int32_t mode : {0, 1, 2, 3, 4, 5, 7}) {
             SCOPED_TRACE(::testing::Message() << channels << " channels, mode " << mode);
-            EngineReset();
+            EngineReset(TestEngine());
             FillAllSlots(300);
             const std::vector<float> before = Snapshot(300);
             ProcessorBlock block = MakeBlock(mode, channels, 44100, 300);
-            DispatchMode(block);
+            DispatchMode(TestEngine(), block);
             EXPECT_EQ(block.Out_Channels, channels);
             EXPECT_EQ(block.Frames, 300u);
             ExpectPassThrough(before, frames_, 300);
@@ -795,15 +796,15 @@ TEST_F(Dispatch, Mono_Mode4AtAnyRate_PassThroughAndPendingUnchanged)
 {
     for (int32_t rate : {44100, 48000, 44099, kRawRate}) {
         SCOPED_TRACE(::testing::Message() << rate << " Hz");
-        EngineReset();
-        EngineState.Pending_Frames = 500;
+        EngineReset(TestEngine());
+        TestEngine().Headphone.Pending_Frames = 500;
         FillAllSlots(300);
         const std::vector<float> before = Snapshot(300);
         ProcessorBlock block = MakeBlock(kHeadphoneMode, 1, rate, 300);
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Out_Channels, 1);
         EXPECT_EQ(block.Frames, 300u);
-        EXPECT_EQ(EngineState.Pending_Frames, 500u);
+        EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 500u);
         ExpectPassThrough(before, frames_, 300);
     }
 }
@@ -815,36 +816,36 @@ TEST_F(Dispatch, Headphone_8191FramesHeldThenOneMoreGives8192)
 {
     FillSource(8191, 2);
     ProcessorBlock block = MakeBlock(kHeadphoneMode, 2, 44100, 8191);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Frames, 0u);
-    EXPECT_EQ(EngineState.Pending_Frames, 8191u);
-    EXPECT_EQ(EngineState.EarBlock.size, 0u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 8191u);
+    EXPECT_EQ(TestEngine().Headphone.EarBlock.size, 0u);
 
     FillSource(1, 2);
     block = MakeBlock(kHeadphoneMode, 2, 44100, 1);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Frames, 8192u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
 }
 
 TEST_F(Dispatch, Headphone_ZeroFramesWithPending100ChangesNothing)
 {
-    EngineState.Pending_Frames = 100;
+    TestEngine().Headphone.Pending_Frames = 100;
     ProcessorBlock block = MakeBlock(kHeadphoneMode, 2, 44100, 0);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Frames, 0u);
-    EXPECT_EQ(EngineState.Pending_Frames, 100u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 100u);
     EXPECT_EQ(block.Out_Channels, 2);
 }
 
 TEST_F(Dispatch, Headphone_Pending8000Plus1152Gives8192AndLeaves960)
 {
-    EngineState.Pending_Frames = 8000;
+    TestEngine().Headphone.Pending_Frames = 8000;
     FillSource(1152, 6);
     ProcessorBlock block = MakeBlock(kHeadphoneMode, 6, 48000, 1152);
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
     EXPECT_EQ(block.Frames, 8192u);
-    EXPECT_EQ(EngineState.Pending_Frames, 960u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 960u);
 }
 
 // ---------------------------------------------------------------------------
@@ -865,7 +866,7 @@ protected:
         std::vector<uint8_t> old =
             Source16(8192, 2, [](uint32_t i, uint32_t k) { return k == 0 ? OldLeft(i) : OldRight(i); });
         uint32_t frames = 8192;
-        ConvertAndProcess(StreamWords{2, 16, kRawRate, 16}, old.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, old.data(), frames);
         ASSERT_EQ(frames, 8192u);
     }
 
@@ -875,7 +876,7 @@ protected:
         std::vector<uint8_t> fresh =
             Source16(count, 2, [](uint32_t i, uint32_t k) { return k == 0 ? NewLeft(i) : NewRight(i); });
         uint32_t frames = count;
-        ConvertAndProcess(StreamWords{2, 16, 44100, 16}, fresh.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, fresh.data(), frames);
         return frames;
     }
 
@@ -906,11 +907,11 @@ protected:
 TEST_F(DispatchTail, Pending3000Plus1152Gives4152FramesWithStaleFrames)
 {
     WriteOldContents();
-    EngineState.Pending_Frames = 3000;
+    TestEngine().Headphone.Pending_Frames = 3000;
     const uint32_t frames = WriteNew(1152);
     ASSERT_EQ(frames, 4152u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
-    EXPECT_EQ(PcmBlock.size, (2u * 4152u * 6u) / 4u + 1u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().PcmBlock.size, (2u * 4152u * 6u) / 4u + 1u);
     for (uint32_t i = 0; i < 1152; ++i)
         ExpectNewFrame(i);
     for (uint32_t i = 1152; i < 4152; ++i)
@@ -920,11 +921,11 @@ TEST_F(DispatchTail, Pending3000Plus1152Gives4152FramesWithStaleFrames)
 TEST_F(DispatchTail, Pending6000Plus4000Gives10000FramesWithSilenceFrom8192)
 {
     WriteOldContents();
-    EngineState.Pending_Frames = 6000;
+    TestEngine().Headphone.Pending_Frames = 6000;
     const uint32_t frames = WriteNew(4000);
     ASSERT_EQ(frames, 10000u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
-    EXPECT_EQ(FrameBlock.size, 49152u + 6u * 6000u);  // the zeros went in from float 49152
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().FrameBlock.size, 49152u + 6u * 6000u);  // the zeros went in from float 49152
     for (uint32_t i = 0; i < 4000; ++i)
         ExpectNewFrame(i);
     for (uint32_t i = 4000; i < 8192; ++i)
@@ -936,11 +937,11 @@ TEST_F(DispatchTail, Pending6000Plus4000Gives10000FramesWithSilenceFrom8192)
 TEST_F(DispatchTail, Pending8191Plus8192Gives16383Frames)
 {
     WriteOldContents();
-    EngineState.Pending_Frames = 8191;
+    TestEngine().Headphone.Pending_Frames = 8191;
     const uint32_t frames = WriteNew(8192);
     ASSERT_EQ(frames, 16383u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
-    EXPECT_EQ(PcmBlock.size, (2u * 16383u * 6u) / 4u + 1u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().PcmBlock.size, (2u * 16383u * 6u) / 4u + 1u);
     for (uint32_t i = 0; i < 8192; ++i)
         ExpectNewFrame(i);
     for (uint32_t i = 8192; i < 16383; ++i)
@@ -948,7 +949,7 @@ TEST_F(DispatchTail, Pending8191Plus8192Gives16383Frames)
 
     // The next write asks for 49152 floats again and finds them without the tail.
     EXPECT_EQ(WriteNew(10), 10u);
-    EXPECT_EQ(FrameBlock.size, 49152u);
+    EXPECT_EQ(TestEngine().FrameBlock.size, 49152u);
 }
 
 TEST_F(DispatchTail, LeavingHeadphoneModeAddsTheFramesItHeldBack)
@@ -960,18 +961,18 @@ TEST_F(DispatchTail, LeavingHeadphoneModeAddsTheFramesItHeldBack)
     auto held = [](uint32_t i, uint32_t k) { return int16_t(int((i * 7 + k * 13) % 400) * 50 - 10000); };
     std::vector<uint8_t> source = Source16(3000, 6, held);
     uint32_t frames = 3000;
-    ConvertAndProcess(StreamWords{6, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 0u);
-    ASSERT_EQ(EngineState.Pending_Frames, 3000u);
+    ASSERT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 
     // Bypass now, 1152 six-channel frames.
     SetSettings(0);
     auto fresh = [](uint32_t i, uint32_t k) { return int16_t(int((i * 3 + k * 29) % 500) * 40 - 10000); };
     source = Source16(1152, 6, fresh);
     frames = 1152;
-    ConvertAndProcess(StreamWords{6, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 4152u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
     for (uint32_t i = 0; i < 1152; ++i)
         for (uint32_t s = 0; s < 6; ++s)
             ASSERT_EQ(OutputSample(16, i, s), ExpectedWord((float(fresh(i, s)) / 32768.0f) * 0.707f, 16))
@@ -990,18 +991,18 @@ TEST_F(DispatchTail, NoTailInMode4)
     // Stereo at a rate out of range ends the call; a mono source passes
     // through; neither adds the held frames.
     WriteOldContents();
-    EngineState.Pending_Frames = 3000;
+    TestEngine().Headphone.Pending_Frames = 3000;
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = Source16(1152, 2, [](uint32_t i, uint32_t) { return int16_t(i); });
     uint32_t frames = 1152;
-    ConvertAndProcess(StreamWords{2, 16, kRawRate, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, source.data(), frames);
     EXPECT_EQ(frames, 1152u);
-    EXPECT_EQ(EngineState.Pending_Frames, 3000u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 
     frames = 1152;
-    ConvertAndProcess(StreamWords{1, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{1, 16, 44100, 16}, source.data(), frames);
     EXPECT_EQ(frames, 1152u);
-    EXPECT_EQ(EngineState.Pending_Frames, 3000u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 }
 
 TEST_F(DispatchTail, AfterFlushWithPending3000LeavingMode4AddsNothing)
@@ -1009,15 +1010,15 @@ TEST_F(DispatchTail, AfterFlushWithPending3000LeavingMode4AddsNothing)
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = Source16(3000, 2, [](uint32_t i, uint32_t k) { return int16_t(i * 5 + k); });
     uint32_t frames = 3000;
-    ConvertAndProcess(StreamWords{2, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 0u);
-    ASSERT_EQ(EngineState.Pending_Frames, 3000u);
+    ASSERT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 
-    EngineReset();  // what Flush does
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+    EngineReset(TestEngine());  // what Flush does
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
 
     EXPECT_EQ(WriteNew(1152), 1152u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
     for (uint32_t i = 0; i < 1152; ++i)
         ExpectNewFrame(i);
 }
@@ -1029,17 +1030,17 @@ TEST_F(Dispatch, EngineReset_BeforeFirstUseLeavesNullDelayLines)
 {
     // As at load: no decoder has run, so the rings were never made. (Release
     // is a no-op then; it only restores that state if another test ran here.)
-    EngineState.SurroundDelayLine[0].Release();
-    EngineState.SurroundDelayLine[1].Release();
-    EngineReset();
+    TestEngine().Surround.SurroundDelayLine[0].Release();
+    TestEngine().Surround.SurroundDelayLine[1].Release();
+    EngineReset(TestEngine());
     for (int k = 0; k < 2; ++k) {
-        const SampleBlock& line = EngineState.SurroundDelayLine[k];
+        const SampleBlock& line = TestEngine().Surround.SurroundDelayLine[k];
         EXPECT_EQ(line.data, nullptr) << "line " << k;
         EXPECT_EQ(line.size, 0u) << "line " << k;
         EXPECT_EQ(line.capacity, 0u) << "line " << k;
         EXPECT_EQ(line.position, 0u) << "line " << k;
     }
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
 }
 
 // Runs the steered decoder with a 10 ms delay and bass redirection over 1000
@@ -1063,7 +1064,7 @@ void StageBusyEngine(SampleBlock& frames)
     block.Sample_Rate = 44100;
     block.Frames = 1000;
     block.Block = &frames;
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
 
     for (uint32_t i = 0; i < 300; ++i)
         for (uint32_t s = 0; s < 6; ++s)
@@ -1071,42 +1072,53 @@ void StageBusyEngine(SampleBlock& frames)
     block.Mode = kEncodeMode;
     block.In_Channels = 6;
     block.Frames = 300;
-    DispatchMode(block);
+    DispatchMode(TestEngine(), block);
 
-    for (uint32_t i = 0; i < EngineState.OverlapBlock.size; ++i)
-        EngineState.OverlapBlock.data[i] = 0.5f;
-    EngineState.Pending_Frames = 1234;
+    for (uint32_t i = 0; i < TestEngine().Headphone.OverlapBlock.size; ++i)
+        TestEngine().Headphone.OverlapBlock.data[i] = 0.5f;
+    TestEngine().Headphone.Pending_Frames = 1234;
+}
+
+// The engine's fourteen filter memories, wherever each stage keeps them.
+static std::vector<FilterState*> AllMemories(Engine& engine)
+{
+    return {&engine.Bass.BassFilter[0],       &engine.Bass.BassFilter[1],       &engine.Bass.BassFilter[2],
+            &engine.Surround.SurroundFilter[0], &engine.Surround.SurroundFilter[1], &engine.Encoder.LfeHighPass,
+            &engine.Encoder.LfeLowPass,       &engine.Encoder.LfeChain,         &engine.Steering.BandFilter[0],
+            &engine.Steering.BandFilter[1],   &engine.Steering.SteerFilter[0],  &engine.Steering.SteerFilter[1],
+            &engine.Steering.SteerFilter[2],  &engine.Steering.SteerFilter[3]};
 }
 
 TEST_F(Dispatch, EngineReset_ClearsMemoriesRingsOverlapAndPendingKeepsPositionAndScratch)
 {
     StageBusyEngine(frames_);
     // 10 ms at 44100 Hz is a ring of 440; 1000 frames leave it at 1000 mod 440.
-    ASSERT_EQ(EngineState.SurroundDelayLine[0].size, 440u);
-    ASSERT_EQ(EngineState.SurroundDelayLine[0].position, 120u);
-    ASSERT_EQ(EngineState.SurroundDelayLine[1].position, 120u);
-    const float* ringData[2] = {EngineState.SurroundDelayLine[0].data, EngineState.SurroundDelayLine[1].data};
-    const uint32_t ringCapacity[2] = {EngineState.SurroundDelayLine[0].capacity,
-                                      EngineState.SurroundDelayLine[1].capacity};
-    const std::vector<float> highBand(EngineState.HighBand.data,
-                                      EngineState.HighBand.data + EngineState.HighBand.size);
-    const std::vector<float> input0(EngineState.InputBlock[0].data, EngineState.InputBlock[0].data + 16386);
+    ASSERT_EQ(TestEngine().Surround.SurroundDelayLine[0].size, 440u);
+    ASSERT_EQ(TestEngine().Surround.SurroundDelayLine[0].position, 120u);
+    ASSERT_EQ(TestEngine().Surround.SurroundDelayLine[1].position, 120u);
+    const float* ringData[2] = {TestEngine().Surround.SurroundDelayLine[0].data, TestEngine().Surround.SurroundDelayLine[1].data};
+    const uint32_t ringCapacity[2] = {TestEngine().Surround.SurroundDelayLine[0].capacity,
+                                      TestEngine().Surround.SurroundDelayLine[1].capacity};
+    const std::vector<float> highBand(TestEngine().Steering.HighBand.data,
+                                      TestEngine().Steering.HighBand.data + TestEngine().Steering.HighBand.size);
+    const std::vector<float> input0(TestEngine().Headphone.InputBlock[0].data, TestEngine().Headphone.InputBlock[0].data + 16386);
     bool anyMemory = false;
-    const FilterState* first = &EngineState.BassFilter[0];
-    for (int k = 0; k < 14; ++k)
-        anyMemory = anyMemory || first[k].x1 != 0.0f || first[k].y1 != 0.0f;
+    const std::vector<FilterState*> memories = AllMemories(TestEngine());
+    ASSERT_EQ(memories.size(), 14u);
+    for (const FilterState* m : memories)
+        anyMemory = anyMemory || m->x1 != 0.0f || m->y1 != 0.0f;
     ASSERT_TRUE(anyMemory);
 
-    EngineReset();
+    EngineReset(TestEngine());
 
-    for (int k = 0; k < 14; ++k) {
-        EXPECT_EQ(first[k].x1, 0.0f) << "filter " << k;
-        EXPECT_EQ(first[k].x2, 0.0f) << "filter " << k;
-        EXPECT_EQ(first[k].y1, 0.0f) << "filter " << k;
-        EXPECT_EQ(first[k].y2, 0.0f) << "filter " << k;
+    for (std::size_t k = 0; k < memories.size(); ++k) {
+        EXPECT_EQ(memories[k]->x1, 0.0f) << "filter " << k;
+        EXPECT_EQ(memories[k]->x2, 0.0f) << "filter " << k;
+        EXPECT_EQ(memories[k]->y1, 0.0f) << "filter " << k;
+        EXPECT_EQ(memories[k]->y2, 0.0f) << "filter " << k;
     }
     for (int k = 0; k < 2; ++k) {
-        const SampleBlock& line = EngineState.SurroundDelayLine[k];
+        const SampleBlock& line = TestEngine().Surround.SurroundDelayLine[k];
         EXPECT_EQ(line.data, ringData[k]) << "line " << k;
         EXPECT_EQ(line.size, 440u) << "line " << k;
         EXPECT_EQ(line.capacity, ringCapacity[k]) << "line " << k;
@@ -1114,24 +1126,26 @@ TEST_F(Dispatch, EngineReset_ClearsMemoriesRingsOverlapAndPendingKeepsPositionAn
         for (uint32_t i = 0; i < 440; ++i)
             ASSERT_EQ(line.data[i], 0.0f) << "line " << k << " cell " << i;
     }
-    EXPECT_EQ(EngineState.OverlapBlock.size, 16384u);
+    EXPECT_EQ(TestEngine().Headphone.OverlapBlock.size, 16384u);
     for (uint32_t i = 0; i < 16384; ++i)
-        ASSERT_EQ(EngineState.OverlapBlock.data[i], 0.0f) << "overlap " << i;
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+        ASSERT_EQ(TestEngine().Headphone.OverlapBlock.data[i], 0.0f) << "overlap " << i;
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
     // Scratch is left as it was.
     for (std::size_t i = 0; i < highBand.size(); ++i)
-        ASSERT_EQ(EngineState.HighBand.data[i], highBand[i]) << "high band " << i;
+        ASSERT_EQ(TestEngine().Steering.HighBand.data[i], highBand[i]) << "high band " << i;
     for (std::size_t i = 0; i < input0.size(); ++i)
-        ASSERT_EQ(EngineState.InputBlock[0].data[i], input0[i]) << "input block " << i;
+        ASSERT_EQ(TestEngine().Headphone.InputBlock[0].data[i], input0[i]) << "input block " << i;
 }
 
 TEST_F(Dispatch, EngineReset_TwiceHasTheEffectOfOnce)
 {
     StageBusyEngine(frames_);
-    EngineReset();
+    EngineReset(TestEngine());
 
-    const FilterState* filters = &EngineState.BassFilter[0];
-    std::vector<FilterState> filtersOnce(filters, filters + 14);
+    const std::vector<FilterState*> memories = AllMemories(TestEngine());
+    std::vector<FilterState> filtersOnce;
+    for (const FilterState* m : memories)
+        filtersOnce.push_back(*m);
     struct Words {
         float* data;
         uint32_t size, capacity, position;
@@ -1139,74 +1153,90 @@ TEST_F(Dispatch, EngineReset_TwiceHasTheEffectOfOnce)
     Words lines[2];
     std::vector<float> ringsOnce[2];
     for (int k = 0; k < 2; ++k) {
-        const SampleBlock& line = EngineState.SurroundDelayLine[k];
+        const SampleBlock& line = TestEngine().Surround.SurroundDelayLine[k];
         lines[k] = Words{line.data, line.size, line.capacity, line.position};
         ringsOnce[k].assign(line.data, line.data + line.capacity);
     }
-    const std::vector<float> overlapOnce(EngineState.OverlapBlock.data, EngineState.OverlapBlock.data + 16384);
+    const std::vector<float> overlapOnce(TestEngine().Headphone.OverlapBlock.data, TestEngine().Headphone.OverlapBlock.data + 16384);
 
-    EngineReset();
+    EngineReset(TestEngine());
 
-    EXPECT_EQ(std::memcmp(filters, filtersOnce.data(), 14 * sizeof(FilterState)), 0);
+    for (std::size_t k = 0; k < memories.size(); ++k)
+        EXPECT_EQ(std::memcmp(memories[k], &filtersOnce[k], sizeof(FilterState)), 0) << "filter " << k;
     for (int k = 0; k < 2; ++k) {
-        const SampleBlock& line = EngineState.SurroundDelayLine[k];
+        const SampleBlock& line = TestEngine().Surround.SurroundDelayLine[k];
         EXPECT_EQ(line.data, lines[k].data);
         EXPECT_EQ(line.size, lines[k].size);
         EXPECT_EQ(line.capacity, lines[k].capacity);
         EXPECT_EQ(line.position, lines[k].position);
         EXPECT_EQ(std::memcmp(line.data, ringsOnce[k].data(), ringsOnce[k].size() * sizeof(float)), 0);
     }
-    EXPECT_EQ(std::memcmp(EngineState.OverlapBlock.data, overlapOnce.data(), 16384 * sizeof(float)), 0);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
+    EXPECT_EQ(std::memcmp(TestEngine().Headphone.OverlapBlock.data, overlapOnce.data(), 16384 * sizeof(float)), 0);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
 }
 
-TEST_F(Dispatch, EngineState_FourteenFiltersThenThirtyTwoBlocksInOrder)
+TEST_F(Dispatch, EngineState_FourteenFiltersAndThirtyTwoBlocksInTheStagesRecords)
 {
-    static_assert(std::is_standard_layout_v<EngineStateRecord>);
+    // Each stage's record holds its filter memories first, then its blocks,
+    // in the order of the engine's table; together 14 memories (3 + 2 + 3 +
+    // 6) and 32 blocks (1 + 2 + 6 + 23).
     static_assert(sizeof(FilterState) == 16);
-    EXPECT_EQ(offsetof(EngineStateRecord, BassFilter), 0u);
-    EXPECT_EQ(offsetof(EngineStateRecord, SurroundFilter), 3u * 16u);
-    EXPECT_EQ(offsetof(EngineStateRecord, LfeHighPass), 5u * 16u);
-    EXPECT_EQ(offsetof(EngineStateRecord, LfeLowPass), 6u * 16u);
-    EXPECT_EQ(offsetof(EngineStateRecord, LfeChain), 7u * 16u);
-    EXPECT_EQ(offsetof(EngineStateRecord, BandFilter), 8u * 16u);
-    EXPECT_EQ(offsetof(EngineStateRecord, SteerFilter), 10u * 16u);
-
-    const std::size_t blocks = 14u * 16u;  // 224, aligned for a pointer
     const std::size_t b = sizeof(SampleBlock);
-    EXPECT_EQ(offsetof(EngineStateRecord, SurroundDelayLine), blocks);
-    EXPECT_EQ(offsetof(EngineStateRecord, HighBand), blocks + 2 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, LowBand), blocks + 3 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, SteerHighLR), blocks + 4 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, SteerHighCS), blocks + 5 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, SteerLowLR), blocks + 6 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, SteerLowCS), blocks + 7 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, BassSum), blocks + 8 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, ImpulseSpectrum), blocks + 9 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, EarBlock), blocks + 15 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, InputBlock), blocks + 16 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, OverlapBlock), blocks + 21 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, ProductBlock), blocks + 22 * b);
-    EXPECT_EQ(offsetof(EngineStateRecord, Pending_Frames), blocks + 32 * b);
-    static_assert(std::is_same_v<decltype(EngineStateRecord::Pending_Frames), uint32_t>);
+
+    static_assert(std::is_standard_layout_v<BassRedirectState>);
+    EXPECT_EQ(offsetof(BassRedirectState, BassFilter), 0u);
+    EXPECT_EQ(offsetof(BassRedirectState, BassSum), 3u * 16u);
+    EXPECT_EQ(sizeof(TestEngine().Bass.BassFilter) / sizeof(FilterState), 3u);
+
+    static_assert(std::is_standard_layout_v<SurroundTailState>);
+    EXPECT_EQ(offsetof(SurroundTailState, SurroundFilter), 0u);
+    EXPECT_EQ(offsetof(SurroundTailState, SurroundDelayLine), 2u * 16u);
+    EXPECT_EQ(sizeof(SurroundTailState), 2u * 16u + 2u * b);
+
+    static_assert(std::is_standard_layout_v<MatrixEncoderState>);
+    EXPECT_EQ(offsetof(MatrixEncoderState, LfeHighPass), 0u);
+    EXPECT_EQ(offsetof(MatrixEncoderState, LfeLowPass), 16u);
+    EXPECT_EQ(offsetof(MatrixEncoderState, LfeChain), 32u);
+    EXPECT_EQ(sizeof(MatrixEncoderState), 3u * 16u);
+
+    static_assert(std::is_standard_layout_v<SteeringState>);
+    const std::size_t steerBlocks = 6u * 16u;  // BandFilter[2], SteerFilter[4]; aligned for a pointer
+    EXPECT_EQ(offsetof(SteeringState, BandFilter), 0u);
+    EXPECT_EQ(offsetof(SteeringState, SteerFilter), 2u * 16u);
+    EXPECT_EQ(offsetof(SteeringState, HighBand), steerBlocks);
+    EXPECT_EQ(offsetof(SteeringState, LowBand), steerBlocks + b);
+    EXPECT_EQ(offsetof(SteeringState, SteerHighLR), steerBlocks + 2 * b);
+    EXPECT_EQ(offsetof(SteeringState, SteerHighCS), steerBlocks + 3 * b);
+    EXPECT_EQ(offsetof(SteeringState, SteerLowLR), steerBlocks + 4 * b);
+    EXPECT_EQ(offsetof(SteeringState, SteerLowCS), steerBlocks + 5 * b);
+    EXPECT_EQ(sizeof(SteeringState), steerBlocks + 6 * b);
+
+    static_assert(std::is_standard_layout_v<HeadphoneConvolver>);
+    EXPECT_EQ(offsetof(HeadphoneConvolver, ImpulseSpectrum), 0u);
+    EXPECT_EQ(offsetof(HeadphoneConvolver, EarBlock), 6 * b);
+    EXPECT_EQ(offsetof(HeadphoneConvolver, InputBlock), 7 * b);
+    EXPECT_EQ(offsetof(HeadphoneConvolver, OverlapBlock), 12 * b);
+    EXPECT_EQ(offsetof(HeadphoneConvolver, ProductBlock), 13 * b);
+    EXPECT_EQ(offsetof(HeadphoneConvolver, Pending_Frames), 23 * b);
+    static_assert(std::is_same_v<decltype(HeadphoneConvolver::Pending_Frames), uint32_t>);
 }
 
 TEST_F(Dispatch, EngineState_ConstructorGivesTheTransformBlocksTheirSizes)
 {
     for (int k = 0; k < 6; ++k) {
-        EXPECT_NE(EngineState.ImpulseSpectrum[k].data, nullptr) << "impulse " << k;
-        EXPECT_EQ(EngineState.ImpulseSpectrum[k].size, 16386u) << "impulse " << k;
+        EXPECT_NE(TestEngine().Headphone.ImpulseSpectrum[k].data, nullptr) << "impulse " << k;
+        EXPECT_EQ(TestEngine().Headphone.ImpulseSpectrum[k].size, 16386u) << "impulse " << k;
     }
     for (int k = 0; k < 5; ++k) {
-        EXPECT_NE(EngineState.InputBlock[k].data, nullptr) << "input " << k;
-        EXPECT_EQ(EngineState.InputBlock[k].size, 16386u) << "input " << k;
+        EXPECT_NE(TestEngine().Headphone.InputBlock[k].data, nullptr) << "input " << k;
+        EXPECT_EQ(TestEngine().Headphone.InputBlock[k].size, 16386u) << "input " << k;
     }
     for (int k = 0; k < 10; ++k) {
-        EXPECT_NE(EngineState.ProductBlock[k].data, nullptr) << "product " << k;
-        EXPECT_EQ(EngineState.ProductBlock[k].size, 16386u) << "product " << k;
+        EXPECT_NE(TestEngine().Headphone.ProductBlock[k].data, nullptr) << "product " << k;
+        EXPECT_EQ(TestEngine().Headphone.ProductBlock[k].size, 16386u) << "product " << k;
     }
-    EXPECT_EQ(EngineState.OverlapBlock.size, 16384u);
-    EXPECT_NE(EngineState.OverlapBlock.data, nullptr);
+    EXPECT_EQ(TestEngine().Headphone.OverlapBlock.size, 16384u);
+    EXPECT_NE(TestEngine().Headphone.OverlapBlock.data, nullptr);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "tests/support/counting_heap.h"
 #include "tests/support/engine_settings.h"
 #include "tests/support/pcm_words.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -54,19 +55,19 @@ std::vector<uint8_t> MakeSource(uint32_t channels)
 // Returns the allocations counted over kCountedWrites writes after the warm-up.
 std::size_t CountSteadyStateAllocations(int32_t mode, uint32_t channels, int32_t rate, uint32_t outputBits)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     SetSettings(mode);
     const std::vector<uint8_t> source = MakeSource(channels);
     const StreamWords stream{channels, 16, rate, outputBits};
     int write = 0;
     for (; write < kWarmUpWrites; ++write) {
         uint32_t frames = kWriteSizes[write % 6];
-        ConvertAndProcess(stream, source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), stream, source.data(), frames);
     }
     const std::size_t before = g_allocations;
     for (int counted = 0; counted < kCountedWrites; ++counted, ++write) {
         uint32_t frames = kWriteSizes[write % 6];
-        ConvertAndProcess(stream, source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), stream, source.data(), frames);
     }
     return g_allocations - before;
 }
@@ -74,13 +75,13 @@ std::size_t CountSteadyStateAllocations(int32_t mode, uint32_t channels, int32_t
 TEST(SteadyState, CountingSeesTheFirstWriteAllocate)
 {
     // The check of the count itself: blocks released as at load must grow again.
-    FrameBlock.Release();
-    PcmBlock.Release();
+    TestEngine().FrameBlock.Release();
+    TestEngine().PcmBlock.Release();
     SetSettings(0);
     const std::vector<uint8_t> source = MakeSource(2);
     const std::size_t before = g_allocations;
     uint32_t frames = 576;
-    ConvertAndProcess(StreamWords{2, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, source.data(), frames);
     EXPECT_GE(g_allocations - before, 2u);
 }
 

@@ -6,7 +6,7 @@
 // Two routes reach the conversions without any gain stage in between:
 // Headphone mode at a sample rate outside 44100..48000 leaves a source of 2,
 // 4, 5 or 6 channels as converted, and a 12-bit stream converts nothing, so
-// floats placed in FrameBlock by the test go straight to the output.
+// floats placed in the engine's FrameBlock by the test go straight to the output.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -22,6 +22,7 @@
 #include "signal/processor.h"
 #include "tests/support/engine_settings.h"
 #include "tests/support/pcm_words.h"
+#include "tests/support/test_engine.h"
 
 #if defined(__unix__)
 #include <sys/mman.h>
@@ -39,27 +40,27 @@ StreamWords Stream(uint32_t channels, uint32_t bits, int32_t rate, uint32_t outp
     return StreamWords{channels, bits, rate, outputBits};
 }
 
-float FrameSlot(uint32_t frame, uint32_t slot) { return FrameBlock.data[frame * 6 + slot]; }
+float FrameSlot(uint32_t frame, uint32_t slot) { return TestEngine().FrameBlock.data[frame * 6 + slot]; }
 
 class PcmConversion : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        EngineReset();
+        EngineReset(TestEngine());
         SetSettings(0);
     }
 
-    // Places six floats per frame in FrameBlock and sends them through a
+    // Places six floats per frame in the engine's FrameBlock and sends them through a
     // 12-bit write in Headphone mode at a rate out of range, which neither
     // converts nor processes them. Returns the frame count that comes back.
     uint32_t ConvertPlacedFloats(const std::vector<float>& floats, uint32_t outputBits)
     {
         SetSettings(kHeadphoneMode);
-        FrameBlock.Resize(kFrameBlockFloats, false);  // what every write asks for first
-        std::memcpy(FrameBlock.data, floats.data(), floats.size() * sizeof(float));
+        TestEngine().FrameBlock.Resize(kFrameBlockFloats, false);  // what every write asks for first
+        std::memcpy(TestEngine().FrameBlock.data, floats.data(), floats.size() * sizeof(float));
         uint32_t frames = uint32_t(floats.size() / 6);
         const uint8_t unused[4] = {0x11, 0x22, 0x33, 0x44};
-        ConvertAndProcess(Stream(2, 12, kRawRate, outputBits), unused, frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 12, kRawRate, outputBits), unused, frames);
         return frames;
     }
 };
@@ -73,7 +74,7 @@ TEST_F(PcmConversion, Bypass16_Sample16384LeavesAs9845)
     Put16(source, 16384);
     Put16(source, 16384);
     uint32_t frames = 1;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 1u);
     // 0.5 after the input scale, then 0.35350001 after the pass-through.
@@ -95,10 +96,10 @@ TEST_F(PcmConversion, Bypass16_FullScaleSamplesLeaveAs19691)
     }
     ASSERT_EQ(source.size(), 4608u);
     uint32_t frames = 1152;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 1152u);
-    EXPECT_EQ(PcmBlock.size, 3457u);  // (2 x 1152 x 6) / 4 + 1
+    EXPECT_EQ(TestEngine().PcmBlock.size, 3457u);  // (2 x 1152 x 6) / 4 + 1
     for (uint32_t i = 0; i < 1152; ++i) {
         const int32_t high = 19691;
         const int32_t low = -19691;
@@ -117,7 +118,7 @@ TEST_F(PcmConversion, Input8_ByteZeroIsSilenceAndOneIsAlmostFullNegative)
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = {0, 1, 128, 255, 2, 129};
     uint32_t frames = 3;
-    ConvertAndProcess(Stream(2, 8, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 8, kRawRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 3u);
     EXPECT_EQ(FrameSlot(0, 0), 0.0f);  // a byte of 0 is silence, not full negative scale
@@ -137,7 +138,7 @@ TEST_F(PcmConversion, Input24_BottomAndTopBytesGiveMinusOneAndJustBelowOne)
     std::vector<uint8_t> source = {0x00, 0x00, 0x80, 0xFF, 0xFF, 0x7F,
                                    0x00, 0x00, 0x40, 0x01, 0x00, 0x00};
     uint32_t frames = 2;
-    ConvertAndProcess(Stream(2, 24, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 24, kRawRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 2u);
     EXPECT_EQ(FrameSlot(0, 0), -1.0f);
@@ -159,7 +160,7 @@ TEST_F(PcmConversion, Input32_ExtremesBothReachFullScale)
     Put32(source, 1 << 30);
     Put32(source, 1);
     uint32_t frames = 2;
-    ConvertAndProcess(Stream(2, 32, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 32, kRawRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 2u);
     EXPECT_EQ(FrameSlot(0, 0), 1.0f);
@@ -177,7 +178,7 @@ TEST_F(PcmConversion, Input16_SamplesScaleByOneOver32768)
     Put16(source, 1);
     Put16(source, 32767);
     uint32_t frames = 2;
-    ConvertAndProcess(Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 2u);
     EXPECT_EQ(FrameSlot(0, 0), 0.5f);
@@ -227,10 +228,10 @@ void CheckChannelTable(uint32_t bits, uint32_t channels)
     for (int i = 0; i < 64; ++i)
         source.push_back(0x5A);
 
-    EngineReset();
+    EngineReset(TestEngine());
     SetSettings(kHeadphoneMode);
     uint32_t frames = frameCount;
-    ConvertAndProcess(Stream(channels, bits, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(channels, bits, kRawRate, 16), source.data(), frames);
     ASSERT_EQ(frames, frameCount);
 
     // Slot of each source channel; -1 = written as 0.0.
@@ -289,7 +290,7 @@ TEST_F(PcmConversion, Mono_CopiedToLeftAndRightAtFullLevel)
     Put16(source, 16384);
     Put16(source, -8192);
     uint32_t frames = 2;
-    ConvertAndProcess(Stream(1, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(1, 16, kPlainRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 2u);
     // Each slot is the sample itself times the pass-through gain alone.
@@ -314,12 +315,12 @@ TEST_F(PcmConversion, ThreeChannels_SilentInEveryModeWithTheFrameCount)
                 std::vector<uint8_t> source;
                 for (uint32_t i = 0; i < frameCount * 3; ++i)
                     PutUnits(source, bits, int32_t(i % 100) - 49);
-                EngineReset();
+                EngineReset(TestEngine());
                 SetSettings(mode);
                 uint32_t frames = frameCount;
-                ConvertAndProcess(Stream(3, bits, rate, 16), source.data(), frames);
+                ConvertWholeFrames(TestEngine(), TestSettings(), Stream(3, bits, rate, 16), source.data(), frames);
                 ASSERT_EQ(frames, frameCount);
-                EXPECT_EQ(EngineState.Pending_Frames, 0u);
+                EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
                 for (uint32_t i = 0; i < frameCount; ++i)
                     for (uint32_t s = 0; s < 6; ++s)
                         ASSERT_EQ(OutputSample(16, i, s), 0) << "frame " << i << " slot " << s;
@@ -338,7 +339,7 @@ TEST_F(PcmConversion, SevenChannels_SilentWithTheFrameCount)
             PutUnits(source, bits, 40);
         SetSettings(0);
         uint32_t frames = frameCount;
-        ConvertAndProcess(Stream(7, bits, kPlainRate, 16), source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(7, bits, kPlainRate, 16), source.data(), frames);
         ASSERT_EQ(frames, frameCount);
         for (uint32_t i = 0; i < frameCount; ++i)
             for (uint32_t s = 0; s < 6; ++s)
@@ -362,7 +363,7 @@ TEST_F(PcmConversion, RunOn32BitFourChannels_ReadsWithAStrideOfFive)
 
     SetSettings(kHeadphoneMode);
     uint32_t frames = frameCount;
-    ConvertAndProcess(Stream(4, 32, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(4, 32, kRawRate, 16), source.data(), frames);
     ASSERT_EQ(frames, frameCount);
 
     auto w = [&](uint32_t k) { return k < frameCount * 4 ? float(k + 1) / 2048.0f : 0.0f; };
@@ -393,13 +394,117 @@ TEST_F(PcmConversion, RunOn24BitFiveChannels_FramesReplacedByWhatLiesBehindTheSo
 
     SetSettings(kHeadphoneMode);
     uint32_t frames = frameCount;
-    ConvertAndProcess(Stream(5, 24, kRawRate, 24), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(5, 24, kRawRate, 24), source.data(), frames);
     ASSERT_EQ(frames, frameCount);
     for (uint32_t i = 0; i < frameCount; ++i)
         for (uint32_t s = 0; s < 6; ++s) {
             EXPECT_EQ(FrameSlot(i, s), 0.0f) << "frame " << i << " slot " << s;
             EXPECT_EQ(OutputSample(24, i, s), 0) << "frame " << i << " slot " << s;
         }
+}
+
+TEST_F(PcmConversion, RunOn32BitFourChannels_ReadsThePartialFrameInsideTheBuffer)
+{
+    // Eight whole frames (words 0..31) and three words of a ninth frame in
+    // the host's buffer: 140 bytes, so the shell's count is 8 frames. The
+    // five-channel pass reads words 0..39: 32..34 are the partial frame's, as
+    // they are; 35..39 lie behind the buffer and read as 0.
+    const uint32_t frameCount = 8;
+    std::vector<uint8_t> source;
+    for (uint32_t k = 0; k < frameCount * 4 + 3; ++k)
+        Put32(source, int32_t((k + 1) << 20));
+    const uint32_t length = uint32_t(source.size());
+    ASSERT_EQ(length, 140u);
+    for (int i = 0; i < 64; ++i)
+        source.push_back(0x3C);  // behind the buffer: never read
+
+    SetSettings(kHeadphoneMode);
+    uint32_t frames = frameCount;
+    ConvertAndProcess(TestEngine(), TestSettings(), Stream(4, 32, kRawRate, 16), source.data(), length, frames);
+    ASSERT_EQ(frames, frameCount);
+
+    // w(k) = (k + 1) x 2^20 reads as (k + 1) / 2048 exactly.
+    auto w = [](uint32_t k) { return k < 35 ? float(k + 1) / 2048.0f : 0.0f; };
+    // Frame 6 holds words 30..34: two of the whole frames, three of the partial one.
+    EXPECT_EQ(FrameSlot(6, 0), 31.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(6, 1), 32.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(6, 2), 33.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(6, 4), 34.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(6, 5), 35.0f / 2048.0f);
+    for (uint32_t i = 0; i < frameCount; ++i) {
+        EXPECT_EQ(FrameSlot(i, 0), w(5 * i)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 1), w(5 * i + 1)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 2), w(5 * i + 2)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 3), 0.0f) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 4), w(5 * i + 3)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 5), w(5 * i + 4)) << "frame " << i;
+    }
+    // And at the output: frame 6 leaves with w30 = 31 / 2048 in its first slot.
+    EXPECT_EQ(OutputSample(16, 6, 0), ExpectedWord(31.0f / 2048.0f, 16));
+    EXPECT_EQ(OutputSample(16, 7, 0), 0);
+}
+
+TEST_F(PcmConversion, RunOn32BitFourChannels_AWordCutByTheBufferEndKeepsItsBytesInside)
+{
+    // One whole frame (words 0..3) and a word of which only two bytes are in
+    // the buffer (18 bytes): word 4 is read from 11 22 and two zero bytes,
+    // 0x2211, and words 5..9 lie behind the buffer.
+    std::vector<uint8_t> source;
+    for (uint32_t k = 0; k < 4; ++k)
+        Put32(source, int32_t((k + 1) << 20));
+    source.push_back(0x11);
+    source.push_back(0x22);
+    const uint32_t length = uint32_t(source.size());
+    source.push_back(0x33);  // behind the buffer: never read
+    source.push_back(0x44);
+
+    SetSettings(kHeadphoneMode);
+    uint32_t frames = 1;
+    ConvertAndProcess(TestEngine(), TestSettings(), Stream(4, 32, kRawRate, 16), source.data(), length, frames);
+    ASSERT_EQ(frames, 1u);
+    EXPECT_EQ(FrameSlot(0, 0), 1.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(0, 1), 2.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(0, 2), 3.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(0, 4), 4.0f / 2048.0f);
+    // 0x2211 = 8721, exact in a float, times 2^-31.
+    EXPECT_EQ(FrameSlot(0, 5), float(8721.0 / 2147483648.0));
+}
+
+TEST_F(PcmConversion, RunOn24BitFiveChannels_ReadsThePartialFrameInsideTheBuffer)
+{
+    // Six whole frames (90 bytes) and 14 bytes of a seventh in the host's
+    // buffer (104 bytes). The six-channel pass starts at byte 90: frame 0
+    // takes its samples from the partial frame's bytes, the fifth sample
+    // from two bytes inside and one behind, and everything after reads 0.
+    const uint32_t frameCount = 6;
+    std::vector<uint8_t> source;
+    for (uint32_t k = 0; k < frameCount * 5; ++k)
+        Put24(source, int32_t(k + 1) * 65536);
+    const uint8_t partial[14] = {0x10, 0x20, 0x30, 0x40, 0x50, 0x60, 0x70, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07};
+    source.insert(source.end(), partial, partial + 14);
+    const uint32_t length = uint32_t(source.size());
+    ASSERT_EQ(length, 104u);
+    for (uint32_t i = 0; i < 18 * frameCount + 16; ++i)
+        source.push_back(0x6B);  // behind the buffer: never read
+
+    SetSettings(kHeadphoneMode);
+    uint32_t frames = frameCount;
+    ConvertAndProcess(TestEngine(), TestSettings(), Stream(5, 24, kRawRate, 24), source.data(), length, frames);
+    ASSERT_EQ(frames, frameCount);
+
+    // Each sample is its three bytes as the top of a 32-bit word, over 2^31;
+    // every one of these words is exact in a float.
+    EXPECT_EQ(FrameSlot(0, 0), float(double(0x30201000) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 1), float(double(0x60504000) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 2), float(double(0x02017000) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 3), float(double(0x05040300) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 4), float(double(0x00070600) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 5), 0.0f);
+    for (uint32_t i = 1; i < frameCount; ++i)
+        for (uint32_t s = 0; s < 6; ++s)
+            EXPECT_EQ(FrameSlot(i, s), 0.0f) << "frame " << i << " slot " << s;
+    // At the output, 24 bits: 0x30201000 / 2^31 x 7130317, truncated.
+    EXPECT_EQ(OutputSample(24, 0, 0), int32_t(std::trunc(double(0x30201000) / 2147483648.0 * 7130317.0)));
 }
 
 // ---------------------------------------------------------------------------
@@ -457,7 +562,7 @@ TEST_F(PcmConversion, Reads_NeverLeaveTheHostBuffer)
                     std::exit(2);
                 SetSettings(kHeadphoneMode);
                 uint32_t frames = frameCount;
-                ConvertAndProcess(Stream(channels, bits, kRawRate, 16), source.data(), frames);
+                ConvertWholeFrames(TestEngine(), TestSettings(), Stream(channels, bits, kRawRate, 16), source.data(), frames);
                 if (frames != frameCount)
                     std::exit(3);
             }
@@ -479,11 +584,11 @@ TEST_F(PcmConversion, Output16_OneAndMinusOneLeaveAs27852AndMinus27852)
     Put32(source, 2147483647);
     Put32(source, std::numeric_limits<int32_t>::min());
     uint32_t frames = 1;
-    ConvertAndProcess(Stream(2, 32, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 32, kRawRate, 16), source.data(), frames);
     ASSERT_EQ(frames, 1u);
     EXPECT_EQ(OutputSample(16, 0, 0), 27852);
     EXPECT_EQ(OutputSample(16, 0, 1), -27852);  // truncation toward zero on both sides
-    EXPECT_EQ(PcmBlock.size, 4u);                // 12 bytes / 4 + 1
+    EXPECT_EQ(TestEngine().PcmBlock.size, 4u);                // 12 bytes / 4 + 1
 }
 
 TEST_F(PcmConversion, Output24_OneLeavesAs7130317InBytesCDCC6C)
@@ -500,7 +605,7 @@ TEST_F(PcmConversion, Output24_OneLeavesAs7130317InBytesCDCC6C)
     EXPECT_EQ(OutputSample(24, 0, 3), -3565158);
     EXPECT_EQ(OutputSample(24, 0, 4), 0);
     EXPECT_EQ(OutputSample(24, 0, 5), ExpectedWord(0.25f, 24));
-    EXPECT_EQ(PcmBlock.size, 5u);  // 18 bytes / 4 + 1
+    EXPECT_EQ(TestEngine().PcmBlock.size, 5u);  // 18 bytes / 4 + 1
 }
 
 TEST_F(PcmConversion, Output32_OneLeavesAs1825361152)
@@ -513,7 +618,7 @@ TEST_F(PcmConversion, Output32_OneLeavesAs1825361152)
     EXPECT_EQ(OutputSample(32, 0, 3), -912680576);
     EXPECT_EQ(OutputSample(32, 0, 4), 0);
     EXPECT_EQ(OutputSample(32, 0, 5), 1740);  // 1740.76... truncated
-    EXPECT_EQ(PcmBlock.size, 7u);             // 24 bytes / 4 + 1
+    EXPECT_EQ(TestEngine().PcmBlock.size, 7u);             // 24 bytes / 4 + 1
 }
 
 TEST_F(PcmConversion, Output16_OnePointTwoFiveWrapsToMinus30720)
@@ -631,24 +736,24 @@ TEST_F(PcmConversion, ZeroFrames_ReadsNothingAndNIsOne)
     SetSettings(0);
     uint32_t frames = 0;
     // A null source: a block of 0 frames fetches nothing.
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 16), nullptr, frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), nullptr, frames);
     EXPECT_EQ(frames, 0u);
-    EXPECT_EQ(PcmBlock.size, 1u);
-    EXPECT_NE(PcmBlock.data, nullptr);
+    EXPECT_EQ(TestEngine().PcmBlock.size, 1u);
+    EXPECT_NE(TestEngine().PcmBlock.data, nullptr);
     EXPECT_EQ((16u / 8u) * frames * 6u, 0u);  // the byte count the shell hands on
-    EXPECT_EQ(FrameBlock.size, kFrameBlockFloats);
+    EXPECT_EQ(TestEngine().FrameBlock.size, kFrameBlockFloats);
 }
 
 TEST_F(PcmConversion, ZeroFrames_DispatcherStillRuns)
 {
     // The tail of the dispatcher shows that it ran: held-back frames are added.
     SetSettings(0);
-    EngineState.Pending_Frames = 3000;
+    TestEngine().Headphone.Pending_Frames = 3000;
     uint32_t frames = 0;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 16), nullptr, frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), nullptr, frames);
     EXPECT_EQ(frames, 3000u);
-    EXPECT_EQ(EngineState.Pending_Frames, 0u);
-    EXPECT_EQ(PcmBlock.size, (2u * 3000u * 6u) / 4u + 1u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
+    EXPECT_EQ(TestEngine().PcmBlock.size, (2u * 3000u * 6u) / 4u + 1u);
 }
 
 TEST_F(PcmConversion, TwelveBits_StaleFramesGoThroughTheDispatcherAgain)
@@ -661,7 +766,7 @@ TEST_F(PcmConversion, TwelveBits_StaleFramesGoThroughTheDispatcherAgain)
     Put16(source, 32767);
     Put16(source, 0);
     uint32_t frames = 2;
-    ConvertAndProcess(Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
     ASSERT_EQ(frames, 2u);
     ASSERT_EQ(FrameSlot(0, 0), 0.5f);
 
@@ -670,7 +775,7 @@ TEST_F(PcmConversion, TwelveBits_StaleFramesGoThroughTheDispatcherAgain)
     SetSettings(0);
     std::vector<uint8_t> other(64, 0x77);
     frames = 2;
-    ConvertAndProcess(Stream(2, 12, kPlainRate, 16), other.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 12, kPlainRate, 16), other.data(), frames);
     ASSERT_EQ(frames, 2u);
     EXPECT_EQ(OutputSample(16, 0, 0), 9845);
     EXPECT_EQ(OutputSample(16, 0, 1), ExpectedWord(-0.25f * 0.707f, 16));
@@ -680,7 +785,7 @@ TEST_F(PcmConversion, TwelveBits_StaleFramesGoThroughTheDispatcherAgain)
 
     // A third 12-bit write runs the pass-through once more on what is there.
     frames = 1;
-    ConvertAndProcess(Stream(2, 12, kPlainRate, 16), other.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 12, kPlainRate, 16), other.data(), frames);
     ASSERT_EQ(frames, 1u);
     EXPECT_EQ(FrameSlot(0, 0), (0.5f * 0.707f) * 0.707f);
     EXPECT_EQ(OutputSample(16, 0, 0), ExpectedWord((0.5f * 0.707f) * 0.707f, 16));
@@ -695,37 +800,37 @@ TEST_F(PcmConversion, OutputBits8_PcmBlockKeepsItsSizeAndBytes)
         Put16(source, int16_t(-700 * i));
     }
     uint32_t frames = 10;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
     ASSERT_EQ(frames, 10u);
-    const float* data = PcmBlock.data;
-    const uint32_t size = PcmBlock.size;
-    const uint32_t capacity = PcmBlock.capacity;
+    const float* data = TestEngine().PcmBlock.data;
+    const uint32_t size = TestEngine().PcmBlock.size;
+    const uint32_t capacity = TestEngine().PcmBlock.capacity;
     std::vector<uint8_t> before(PcmBytes(), PcmBytes() + std::size_t(capacity) * 4);
 
     for (uint32_t outputBits : {8u, 12u, 20u, 0u}) {
         SCOPED_TRACE(::testing::Message() << "Output_Bits " << outputBits);
         std::vector<uint8_t> other(4 * 40, 0x42);
         frames = 40;
-        ConvertAndProcess(Stream(2, 16, kPlainRate, outputBits), other.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, outputBits), other.data(), frames);
         EXPECT_EQ(frames, 40u);
-        EXPECT_EQ(PcmBlock.data, data);
-        EXPECT_EQ(PcmBlock.size, size);
-        EXPECT_EQ(PcmBlock.capacity, capacity);
+        EXPECT_EQ(TestEngine().PcmBlock.data, data);
+        EXPECT_EQ(TestEngine().PcmBlock.size, size);
+        EXPECT_EQ(TestEngine().PcmBlock.capacity, capacity);
         EXPECT_EQ(std::memcmp(before.data(), PcmBytes(), before.size()), 0);
     }
 }
 
 TEST_F(PcmConversion, OutputBits8_NoConversionEverRunLeavesANullPointer)
 {
-    PcmBlock.Release();  // as at library load
+    TestEngine().PcmBlock.Release();  // as at library load
     SetSettings(0);
     std::vector<uint8_t> source(4 * 16, 0x10);
     uint32_t frames = 16;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 8), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 8), source.data(), frames);
     EXPECT_EQ(frames, 16u);
-    EXPECT_EQ(PcmBlock.data, nullptr);
-    EXPECT_EQ(PcmBlock.size, 0u);
-    EXPECT_EQ(PcmBlock.capacity, 0u);
+    EXPECT_EQ(TestEngine().PcmBlock.data, nullptr);
+    EXPECT_EQ(TestEngine().PcmBlock.size, 0u);
+    EXPECT_EQ(TestEngine().PcmBlock.capacity, 0u);
 }
 
 TEST_F(PcmConversion, SpareBytes_FourAtTheEndAreNeverWritten)
@@ -735,8 +840,8 @@ TEST_F(PcmConversion, SpareBytes_FourAtTheEndAreNeverWritten)
     SetSettings(0);
     std::vector<uint8_t> big(4 * 64, 0x01);
     uint32_t frames = 64;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 32), big.data(), frames);
-    ASSERT_GE(PcmBlock.capacity, 7u);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 32), big.data(), frames);
+    ASSERT_GE(TestEngine().PcmBlock.capacity, 7u);
 
     struct Case {
         uint32_t outputBits;
@@ -747,16 +852,16 @@ TEST_F(PcmConversion, SpareBytes_FourAtTheEndAreNeverWritten)
     const Case cases[] = {{16, 2, 24, 7}, {32, 1, 24, 7}, {24, 2, 36, 10}, {24, 1, 18, 5}};
     for (const Case& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.outputBits << " bits, " << c.frames << " frames");
-        std::memset(PcmBlock.data, 0xA5, std::size_t(PcmBlock.capacity) * 4);
+        std::memset(TestEngine().PcmBlock.data, 0xA5, std::size_t(TestEngine().PcmBlock.capacity) * 4);
         std::vector<uint8_t> source;
         for (uint32_t i = 0; i < c.frames; ++i) {
             Put16(source, int16_t(12000 + int16_t(i)));
             Put16(source, int16_t(-9000));
         }
         frames = c.frames;
-        ConvertAndProcess(Stream(2, 16, kPlainRate, c.outputBits), source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, c.outputBits), source.data(), frames);
         ASSERT_EQ(frames, c.frames);
-        EXPECT_EQ(PcmBlock.size, c.n);
+        EXPECT_EQ(TestEngine().PcmBlock.size, c.n);
         // Frame 0 left is written, so the mark is gone there.
         EXPECT_EQ(OutputSample(c.outputBits, 0, 0),
                   ExpectedWord((12000.0f / 32768.0f) * 0.707f, c.outputBits));
@@ -776,31 +881,31 @@ TEST_F(PcmConversion, SettingChangedBetweenWritesShowsInTheNextWrite)
 
     SetSettings(0);
     uint32_t frames = 1;
-    ConvertAndProcess(Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
     EXPECT_EQ(OutputSample(16, 0, 0), 9845);
 
     // Headphone mode at a rate out of range: the same sample without the 0.707.
-    ProcessorSettings.Mode = kHeadphoneMode;
+    TestSettings().Mode = kHeadphoneMode;
     frames = 1;
-    ConvertAndProcess(Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
     EXPECT_EQ(OutputSample(16, 0, 0), 13926);  // 0.5 x 27852.8 = 13926.4
 
-    ProcessorSettings.Mode = 0;
+    TestSettings().Mode = 0;
     frames = 1;
-    ConvertAndProcess(Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
     EXPECT_EQ(OutputSample(16, 0, 0), 9845);
 }
 
 TEST_F(PcmConversion, OutputWordSizeComesFromTheStreamWordsNotTheSetting)
 {
     SetSettings(0);
-    ProcessorSettings.Out_Bits = 32;  // changed in the dialog after Open
+    TestSettings().Out_Bits = 32;  // changed in the dialog after Open
     std::vector<uint8_t> source;
     Put16(source, 16384);
     Put16(source, 16384);
     uint32_t frames = 1;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 16), source.data(), frames);
-    EXPECT_EQ(PcmBlock.size, 4u);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    EXPECT_EQ(TestEngine().PcmBlock.size, 4u);
     EXPECT_EQ(OutputSample(16, 0, 0), 9845);
 }
 
@@ -809,9 +914,9 @@ TEST_F(PcmConversion, FrameBlockIsAskedFor49152FloatsAtEveryWrite)
     SetSettings(0);
     std::vector<uint8_t> source(4 * 10, 0);
     uint32_t frames = 10;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 16), source.data(), frames);
-    EXPECT_EQ(FrameBlock.size, 49152u);
-    EXPECT_GE(FrameBlock.capacity, 49152u);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    EXPECT_EQ(TestEngine().FrameBlock.size, 49152u);
+    EXPECT_GE(TestEngine().FrameBlock.capacity, 49152u);
 }
 
 // ---------------------------------------------------------------------------
@@ -827,16 +932,16 @@ TEST_F(PcmConversion, Headphone_MostWritesReturnZeroFramesThenOneReturns8192)
     }
     for (int write = 0; write < 7; ++write) {
         uint32_t frames = 1152;
-        ConvertAndProcess(Stream(2, 16, kPlainRate, 16), source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
         EXPECT_EQ(frames, 0u) << "write " << write;
-        EXPECT_EQ(PcmBlock.size, 1u) << "write " << write;
-        EXPECT_EQ(EngineState.Pending_Frames, 1152u * uint32_t(write + 1)) << "write " << write;
+        EXPECT_EQ(TestEngine().PcmBlock.size, 1u) << "write " << write;
+        EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 1152u * uint32_t(write + 1)) << "write " << write;
     }
     uint32_t frames = 1152;
-    ConvertAndProcess(Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
     ASSERT_EQ(frames, 8192u);
-    EXPECT_EQ(EngineState.Pending_Frames, 8u * 1152u - 8192u);
-    EXPECT_EQ(PcmBlock.size, (2u * 8192u * 6u) / 4u + 1u);
+    EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 8u * 1152u - 8192u);
+    EXPECT_EQ(TestEngine().PcmBlock.size, (2u * 8192u * 6u) / 4u + 1u);
     for (uint32_t i = 0; i < 8192; ++i)
         for (uint32_t s = 2; s < 6; ++s)
             ASSERT_EQ(OutputSample(16, i, s), 0) << "frame " << i << " slot " << s;

@@ -20,6 +20,7 @@
 #include "tests/support/reference_filters.h"
 #include "tests/support/test_signal.h"
 #include "tests/support/trim_gain.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -75,14 +76,14 @@ std::vector<float> ReferenceStage(const std::vector<float>& in, uint32_t frames,
 
 void ExpectStageMatchesReference(int32_t trim, int32_t invert)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kCount = 1500;
     Frames f(kCount, 44100);
     f.pb.Bass_Trim = trim;
     f.pb.Bass_Invert = invert;
     f.FillAll(uint32_t(40 + trim + invert));  // slot 3 non-zero: the bass is added to it
     const std::vector<float> expected = ReferenceStage(f.Copy(), kCount, 120, 44100, ExpectedGain(trim, invert));
-    BassRedirect(f.pb);
+    BassRedirect(TestEngine().Bass, f.pb);
     for (uint32_t i = 0; i < kCount * kFrameFloats; ++i)
         ASSERT_EQ(f.block.data[i], expected[i]) << "frame " << i / 6 << " slot " << i % 6;
 }
@@ -141,21 +142,21 @@ TEST(BassRedirect, TrimTenAddsTheBassAtTheRoundedProduct)
 TEST(BassRedirect, InvertedBassIsTheNegativeOfTheUninvertedBass)
 {
     constexpr uint32_t kCount = 700;
-    EngineReset();
+    EngineReset(TestEngine());
     Frames plain(kCount, 48000);
     plain.FillAll(50);
     for (uint32_t i = 0; i < kCount; ++i)
         plain.at(i, kSlotLFE) = 0.0f;  // as the decoders leave it
-    EngineReset();
+    EngineReset(TestEngine());
     Frames inverted(kCount, 48000);
     inverted.pb.Bass_Invert = 1;
     for (uint32_t i = 0; i < kCount * kFrameFloats; ++i)
         inverted.block.data[i] = plain.block.data[i];
 
-    EngineReset();
-    BassRedirect(plain.pb);
-    EngineReset();
-    BassRedirect(inverted.pb);
+    EngineReset(TestEngine());
+    BassRedirect(TestEngine().Bass, plain.pb);
+    EngineReset(TestEngine());
+    BassRedirect(TestEngine().Bass, inverted.pb);
     for (uint32_t i = 0; i < kCount; ++i) {
         ASSERT_EQ(inverted.at(i, kSlotLFE), -plain.at(i, kSlotLFE)) << "frame " << i;
         for (uint32_t s = 0; s < 3; ++s)
@@ -165,36 +166,36 @@ TEST(BassRedirect, InvertedBassIsTheNegativeOfTheUninvertedBass)
 
 TEST(BassRedirect, DisabledLeavesTheSlotsAndClearsBassSum)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     Frames warm(300, 44100);
     warm.FillAll(60);
-    BassRedirect(warm.pb);  // BassSum now holds residuals
-    const FilterState memory[3] = {EngineState.BassFilter[0], EngineState.BassFilter[1],
-                                   EngineState.BassFilter[2]};
+    BassRedirect(TestEngine().Bass, warm.pb);  // BassSum now holds residuals
+    const FilterState memory[3] = {TestEngine().Bass.BassFilter[0], TestEngine().Bass.BassFilter[1],
+                                   TestEngine().Bass.BassFilter[2]};
 
     Frames f(300, 44100);
     f.pb.Bass_Redir_Enable = 0;
     f.FillAll(61);
     const std::vector<float> before = f.Copy();
-    BassRedirect(f.pb);
+    BassRedirect(TestEngine().Bass, f.pb);
     for (uint32_t i = 0; i < 300 * kFrameFloats; ++i)
         ASSERT_EQ(f.block.data[i], before[i]) << "frame " << i / 6 << " slot " << i % 6;
-    ASSERT_EQ(EngineState.BassSum.size, 300u);
+    ASSERT_EQ(TestEngine().Bass.BassSum.size, 300u);
     for (uint32_t i = 0; i < 300; ++i)
-        ASSERT_EQ(EngineState.BassSum.data[i], 0.0f) << "frame " << i;
+        ASSERT_EQ(TestEngine().Bass.BassSum.data[i], 0.0f) << "frame " << i;
     for (int k = 0; k < 3; ++k)
-        EXPECT_TRUE(SameMemory(EngineState.BassFilter[k], memory[k])) << "record " << k;
+        EXPECT_TRUE(SameMemory(TestEngine().Bass.BassFilter[k], memory[k])) << "record " << k;
 }
 
 TEST(BassRedirect, ConstantLeftOnlySettlesToNoLeftAnd0_316OfItInTheLfe)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kCount = 20000;
     constexpr float kInput = 0.8f;
     Frames f(kCount, 44100);
     for (uint32_t i = 0; i < kCount; ++i)
         f.at(i, kSlotL) = kInput;
-    BassRedirect(f.pb);
+    BassRedirect(TestEngine().Bass, f.pb);
     for (uint32_t i = kCount - 2000; i < kCount; ++i) {
         ASSERT_NEAR(f.at(i, kSlotL), 0.0, 1e-6) << "frame " << i;
         ASSERT_NEAR(f.at(i, kSlotLFE), double(kBassDrop) * kInput, 1e-6) << "frame " << i;
@@ -207,7 +208,7 @@ TEST(BassRedirect, ConstantLeftOnlySettlesToNoLeftAnd0_316OfItInTheLfe)
 // cut-off 0 passes them unchanged and nothing reaches the LFE.
 TEST(BassRedirect, CutOffZeroPassesEverythingAndRedirectsNothing)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kCount = 64;
     Frames f(kCount, 44100);
     f.pb.Bass_Redir = 0;
@@ -215,50 +216,50 @@ TEST(BassRedirect, CutOffZeroPassesEverythingAndRedirectsNothing)
         for (uint32_t s = 0; s < 3; ++s)
             f.at(i, s) = 0.125f * float(int32_t((i * 7u + s * 3u) % 17u) - 8);
     const std::vector<float> before = f.Copy();
-    BassRedirect(f.pb);
+    BassRedirect(TestEngine().Bass, f.pb);
     for (uint32_t i = 0; i < kCount * kFrameFloats; ++i)
         ASSERT_EQ(f.block.data[i], before[i]) << "frame " << i / 6 << " slot " << i % 6;
 }
 
 TEST(BassRedirect, FramesZeroChangesNothingButTheSizeOfBassSum)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     Frames warm(200, 44100);
     warm.FillAll(70);
-    BassRedirect(warm.pb);
-    ASSERT_EQ(EngineState.BassSum.size, 200u);
-    const FilterState memory[3] = {EngineState.BassFilter[0], EngineState.BassFilter[1],
-                                   EngineState.BassFilter[2]};
+    BassRedirect(TestEngine().Bass, warm.pb);
+    ASSERT_EQ(TestEngine().Bass.BassSum.size, 200u);
+    const FilterState memory[3] = {TestEngine().Bass.BassFilter[0], TestEngine().Bass.BassFilter[1],
+                                   TestEngine().Bass.BassFilter[2]};
 
     Frames f(8, 44100);
     f.FillAll(71);
     const std::vector<float> before = f.Copy();
     f.pb.Frames = 0;
-    BassRedirect(f.pb);
-    EXPECT_EQ(EngineState.BassSum.size, 0u);
+    BassRedirect(TestEngine().Bass, f.pb);
+    EXPECT_EQ(TestEngine().Bass.BassSum.size, 0u);
     for (uint32_t i = 0; i < 8 * kFrameFloats; ++i)
         ASSERT_EQ(f.block.data[i], before[i]) << "float " << i;
     for (int k = 0; k < 3; ++k)
-        EXPECT_TRUE(SameMemory(EngineState.BassFilter[k], memory[k])) << "record " << k;
+        EXPECT_TRUE(SameMemory(TestEngine().Bass.BassFilter[k], memory[k])) << "record " << k;
 }
 
 TEST(BassRedirect, BlockSplitGivesTheSameFramesAsOneBlock)
 {
     constexpr uint32_t kCount = 1600;
-    EngineReset();
+    EngineReset(TestEngine());
     Frames whole(kCount, 44100);
     whole.FillAll(80);
     const std::vector<float> input = whole.Copy();
-    BassRedirect(whole.pb);
+    BassRedirect(TestEngine().Bass, whole.pb);
 
-    EngineReset();
+    EngineReset(TestEngine());
     const uint32_t pieces[] = {1, 576, 1023};
     uint32_t start = 0;
     for (uint32_t n : pieces) {
         Frames piece(n, 44100);
         for (uint32_t i = 0; i < n * kFrameFloats; ++i)
             piece.block.data[i] = input[6 * start + i];
-        BassRedirect(piece.pb);
+        BassRedirect(TestEngine().Bass, piece.pb);
         for (uint32_t i = 0; i < n * kFrameFloats; ++i)
             ASSERT_EQ(piece.block.data[i], whole.block.data[6 * start + i]) << "frame " << start + i / 6;
         start += n;
@@ -274,14 +275,14 @@ TEST(BassRedirect, BlockSplitGivesTheSameFramesAsOneBlock)
 TEST(BassRedirect, Mode4NeverCallsTheStage)
 {
     for (int32_t rate : {44100, 48000, 44099}) {
-        EngineReset();
+        EngineReset(TestEngine());
         const FilterState sentinel{0.125f, -0.25f, 0.5f, -0.0625f};
-        for (FilterState& m : EngineState.BassFilter)
+        for (FilterState& m : TestEngine().Bass.BassFilter)
             m = sentinel;
         Frames warm(33, rate);
         warm.pb.Bass_Redir_Enable = 0;
-        BassRedirect(warm.pb);
-        ASSERT_EQ(EngineState.BassSum.size, 33u);
+        BassRedirect(TestEngine().Bass, warm.pb);
+        ASSERT_EQ(TestEngine().Bass.BassSum.size, 33u);
 
         SampleBlock frames;
         frames.Resize(49152, true);
@@ -296,19 +297,19 @@ TEST(BassRedirect, Mode4NeverCallsTheStage)
         block.Bass_Redir_Enable = 1;
         block.Frames = 1152;
         block.Block = &frames;
-        DispatchMode(block);
+        DispatchMode(TestEngine(), block);
         EXPECT_EQ(block.Bass_Redir_Enable, 0) << rate;
-        EXPECT_EQ(EngineState.BassSum.size, 33u) << rate;
-        for (const FilterState& m : EngineState.BassFilter)
+        EXPECT_EQ(TestEngine().Bass.BassSum.size, 33u) << rate;
+        for (const FilterState& m : TestEngine().Bass.BassFilter)
             EXPECT_TRUE(SameMemory(m, sentinel)) << rate;
     }
-    EngineReset();
+    EngineReset(TestEngine());
 }
 
 // Against that, mode 3 on a stereo source does run it.
 TEST(BassRedirect, Mode3ThroughTheDispatcherFillsTheLfe)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     SampleBlock frames;
     frames.Resize(49152, true);
     const std::vector<float> signal = TestSignal(1152 * 2, 91);
@@ -321,11 +322,11 @@ TEST(BassRedirect, Mode3ThroughTheDispatcherFillsTheLfe)
     block.Surround_Trim_00 = 0;
     block.Frames = 1152;
     block.Block = &frames;
-    DispatchMode(block);
-    EXPECT_EQ(EngineState.BassSum.size, 1152u);
+    DispatchMode(TestEngine(), block);
+    EXPECT_EQ(TestEngine().Bass.BassSum.size, 1152u);
     bool lfe = false;
     for (uint32_t i = 0; i < 1152; ++i)
         lfe = lfe || frames.data[6 * i + 3] != 0.0f;
     EXPECT_TRUE(lfe);
-    EngineReset();
+    EngineReset(TestEngine());
 }

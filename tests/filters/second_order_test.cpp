@@ -23,6 +23,7 @@
 #include "tests/support/frame_block.h"
 #include "tests/support/reference_filters.h"
 #include "tests/support/test_signal.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -156,7 +157,7 @@ TEST(SectionCoefficients, HighPassAtCutOffZeroIsTheIdentitySection)
 
 TEST(HighPass2, WalksOneSlotOfFramesLikeTheFloatRecursion)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kFrames = 700;
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 1);
     FrameBlock frames(kFrames, 44100, 3);
@@ -179,7 +180,7 @@ TEST(HighPass2, WalksOneSlotOfFramesLikeTheFloatRecursion)
 
 TEST(LowPass2, WalksEverySecondFloatLikeTheFloatRecursion)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kCount = 900;
     std::vector<float> data = TestSignal(2 * kCount, 2);
     const std::vector<float> original = data;
@@ -200,7 +201,7 @@ TEST(LowPass2, WalksEverySecondFloatLikeTheFloatRecursion)
 
 TEST(SplitHighPass2, HighPassesTheSlotAndAddsInputMinusOutputToTheSide)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kFrames = 500;
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 3);
     FrameBlock frames(kFrames, 44100, 3);
@@ -306,7 +307,7 @@ TEST(SmootherRestingPoint, FollowsTheFloatRecursionSampleForSample)
 
 TEST(SecondOrderEdge, FramesZeroTouchesNoSampleNoMemoryNoSide)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     SampleBlock frames;
     frames.Resize(12 * kFrameFloats, true);
     const std::vector<float> signal = TestSignal(12 * kFrameFloats, 5);
@@ -334,7 +335,7 @@ TEST(SecondOrderEdge, FramesZeroTouchesNoSampleNoMemoryNoSide)
 
 TEST(SecondOrderEdge, SeparateMemoriesKeepChannelsApartASharedOneMixesThem)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kFrames = 400;
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 7);
     SampleBlock unused;
@@ -368,7 +369,7 @@ TEST(SecondOrderEdge, SeparateMemoriesKeepChannelsApartASharedOneMixesThem)
 
 TEST(SecondOrderEdge, BlockSplitGivesTheSameSamplesAsOneBlock)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kFrames = 1600;
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 8);
     const uint32_t pieces[] = {1, 576, 4, 1000, 19};
@@ -416,7 +417,7 @@ TEST(SecondOrderEdge, BlockSplitGivesTheSameSamplesAsOneBlock)
 // in float (small multiples of a quarter), and nothing reaches the side.
 TEST(SecondOrderEdge, SplitHighPassAtCutOffZeroPassesEverythingAndAddsNothing)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kFrames = 64;
     SampleBlock frames;
     frames.Resize(kFrames * kFrameFloats, true);
@@ -436,7 +437,7 @@ TEST(SecondOrderEdge, SplitHighPassAtCutOffZeroPassesEverythingAndAddsNothing)
 
 TEST(SecondOrderEdge, SplitHighPassThreeCallsSumThreeResiduals)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kFrames = 800;
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 9);
     FrameBlock frames(kFrames, 44100, 3);
@@ -464,7 +465,7 @@ TEST(SecondOrderEdge, SplitHighPassThreeCallsSumThreeResiduals)
 
 TEST(SecondOrderEdge, SplitHighPassResidualPlusOutputGivesBackTheInput)
 {
-    EngineReset();
+    EngineReset(TestEngine());
     constexpr uint32_t kFrames = 2000;
     const std::vector<float> signal = TestSignal(kFrames * kFrameFloats, 10);
     FrameBlock frames(kFrames, 44100, 3);

@@ -22,6 +22,7 @@
 #include "tests/support/frame_block.h"
 #include "tests/support/reference_filters.h"
 #include "tests/support/test_signal.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -120,7 +121,7 @@ TEST(SurroundTail, TenMsAt44100GivesSilenceFor440SamplesThenTheLowPassedInput)
     f.Fill(kSlotSL, left);
     f.Fill(kSlotSR, right);
     f.Fill(kSlotL, front);
-    SurroundTail(f.pb);
+    SurroundTail(TestEngine().Surround, f.pb);
 
     const std::vector<float> leftLp = LowPassed(left, 44100);
     const std::vector<float> rightLp = LowPassed(right, 44100);
@@ -136,8 +137,8 @@ TEST(SurroundTail, TenMsAt44100GivesSilenceFor440SamplesThenTheLowPassedInput)
     }
     for (uint32_t i = 0; i < kCount; ++i)
         ASSERT_EQ(f.at(i, kSlotL), front[i]);
-    EXPECT_EQ(EngineState.SurroundDelayLine[0].size, 440u);
-    EXPECT_EQ(EngineState.SurroundDelayLine[1].size, 440u);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[0].size, 440u);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[1].size, 440u);
 }
 
 TEST(DelayRun, DelaysByExactlyTheLengthAcrossBlocksOfAnySize)
@@ -271,8 +272,8 @@ TEST(SurroundTail, At32000HzNoLowPassButTheDelayStillRuns)
 {
     FreshEngine();
     const FilterState sentinel{0.25f, -0.125f, 0.5f, -0.75f};
-    EngineState.SurroundFilter[0] = sentinel;
-    EngineState.SurroundFilter[1] = sentinel;
+    TestEngine().Surround.SurroundFilter[0] = sentinel;
+    TestEngine().Surround.SurroundFilter[1] = sentinel;
     constexpr uint32_t kCount = 800;
     Frames f(kCount, 32000);
     f.pb.Surround_Delay = 10;
@@ -280,7 +281,7 @@ TEST(SurroundTail, At32000HzNoLowPassButTheDelayStillRuns)
     const std::vector<float> right = TestSignal(kCount, 13);
     f.Fill(kSlotSL, left);
     f.Fill(kSlotSR, right);
-    SurroundTail(f.pb);
+    SurroundTail(TestEngine().Surround, f.pb);
 
     // 32000 x k x 10000 = 319.99...: 319 samples.
     const uint32_t n = DelayLength(32000, 10000);
@@ -289,7 +290,7 @@ TEST(SurroundTail, At32000HzNoLowPassButTheDelayStillRuns)
         ASSERT_EQ(f.at(i, kSlotSL), i < n ? 0.0f : left[i - n]) << "frame " << i;
         ASSERT_EQ(f.at(i, kSlotSR), i < n ? 0.0f : right[i - n]) << "frame " << i;
     }
-    for (const FilterState& m : EngineState.SurroundFilter)
+    for (const FilterState& m : TestEngine().Surround.SurroundFilter)
         EXPECT_TRUE(SameMemory(m, sentinel));
 }
 
@@ -300,31 +301,31 @@ TEST(SurroundTail, BothSurroundSwitchesZeroLeaveSlotsFiltersAndRingsStill)
     warm.pb.Surround_Delay = 10;
     warm.Fill(kSlotSL, TestSignal(1000, 14));
     warm.Fill(kSlotSR, TestSignal(1000, 15));
-    SurroundTail(warm.pb);
-    const uint32_t position0 = EngineState.SurroundDelayLine[0].position;
-    const uint32_t position1 = EngineState.SurroundDelayLine[1].position;
+    SurroundTail(TestEngine().Surround, warm.pb);
+    const uint32_t position0 = TestEngine().Surround.SurroundDelayLine[0].position;
+    const uint32_t position1 = TestEngine().Surround.SurroundDelayLine[1].position;
     ASSERT_EQ(position0, 1000u % 440u);
-    const FilterState filter0 = EngineState.SurroundFilter[0];
-    const std::vector<float> ring0(EngineState.SurroundDelayLine[0].data,
-                                   EngineState.SurroundDelayLine[0].data + 440);
+    const FilterState filter0 = TestEngine().Surround.SurroundFilter[0];
+    const std::vector<float> ring0(TestEngine().Surround.SurroundDelayLine[0].data,
+                                   TestEngine().Surround.SurroundDelayLine[0].data + 440);
 
     // The decoder has written 0.0 into both surround slots.
     Frames f(500, 44100);
     f.pb.Surround_Delay = 10;
     f.pb.SL = 0;
     f.pb.SR = 0;
-    SurroundTail(f.pb);
+    SurroundTail(TestEngine().Surround, f.pb);
     for (uint32_t i = 0; i < 500; ++i) {
         ASSERT_EQ(f.at(i, kSlotSL), 0.0f) << "frame " << i;
         ASSERT_EQ(f.at(i, kSlotSR), 0.0f) << "frame " << i;
     }
-    EXPECT_EQ(EngineState.SurroundDelayLine[0].position, position0);
-    EXPECT_EQ(EngineState.SurroundDelayLine[1].position, position1);
-    EXPECT_EQ(EngineState.SurroundFilter[0].x1, filter0.x1);
-    EXPECT_EQ(EngineState.SurroundFilter[0].y1, filter0.y1);
-    EXPECT_EQ(EngineState.SurroundFilter[0].y2, filter0.y2);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[0].position, position0);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[1].position, position1);
+    EXPECT_EQ(TestEngine().Surround.SurroundFilter[0].x1, filter0.x1);
+    EXPECT_EQ(TestEngine().Surround.SurroundFilter[0].y1, filter0.y1);
+    EXPECT_EQ(TestEngine().Surround.SurroundFilter[0].y2, filter0.y2);
     for (uint32_t i = 0; i < 440; ++i)
-        ASSERT_EQ(EngineState.SurroundDelayLine[0].data[i], ring0[i]) << "cell " << i;
+        ASSERT_EQ(TestEngine().Surround.SurroundDelayLine[0].data[i], ring0[i]) << "cell " << i;
 }
 
 TEST(SurroundTail, OnlySrOnCarriesZerosThroughSlot4AndAdvancesItsRing)
@@ -336,16 +337,16 @@ TEST(SurroundTail, OnlySrOnCarriesZerosThroughSlot4AndAdvancesItsRing)
     f.pb.SL = 0;
     const std::vector<float> right = TestSignal(kCount, 16);
     f.Fill(kSlotSR, right);  // slot 4 holds the decoder's 0.0
-    SurroundTail(f.pb);
+    SurroundTail(TestEngine().Surround, f.pb);
 
     const std::vector<float> rightLp = LowPassed(right, 44100);
     for (uint32_t i = 0; i < kCount; ++i) {
         ASSERT_EQ(f.at(i, kSlotSL), 0.0f) << "frame " << i;
         ASSERT_EQ(f.at(i, kSlotSR), i < 440 ? 0.0f : rightLp[i - 440]) << "frame " << i;
     }
-    EXPECT_EQ(EngineState.SurroundDelayLine[0].size, 440u);
-    EXPECT_EQ(EngineState.SurroundDelayLine[0].position, kCount % 440u);
-    EXPECT_EQ(EngineState.SurroundDelayLine[1].position, kCount % 440u);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[0].size, 440u);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[0].position, kCount % 440u);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[1].position, kCount % 440u);
 }
 
 TEST(SurroundTail, DelayOffPassesUndelayedAndTheSameDelayBackPlaysTheStaleRing)
@@ -363,21 +364,21 @@ TEST(SurroundTail, DelayOffPassesUndelayedAndTheSameDelayBackPlaysTheStaleRing)
     Frames a(kCount, 44100);
     a.pb.Surround_Delay = 10;
     a.Fill(kSlotSL, first);
-    SurroundTail(a.pb);
-    const uint32_t position = EngineState.SurroundDelayLine[0].position;
+    SurroundTail(TestEngine().Surround, a.pb);
+    const uint32_t position = TestEngine().Surround.SurroundDelayLine[0].position;
 
     Frames b(kCount, 44100);
     b.pb.Surround_Delay = 0;
     b.Fill(kSlotSL, second);
-    SurroundTail(b.pb);
+    SurroundTail(TestEngine().Surround, b.pb);
     for (uint32_t i = 0; i < kCount; ++i)
         ASSERT_EQ(b.at(i, kSlotSL), lp[kCount + i]) << "frame " << i;
-    EXPECT_EQ(EngineState.SurroundDelayLine[0].position, position);
+    EXPECT_EQ(TestEngine().Surround.SurroundDelayLine[0].position, position);
 
     Frames c(kCount, 44100);
     c.pb.Surround_Delay = 10;
     c.Fill(kSlotSL, third);
-    SurroundTail(c.pb);
+    SurroundTail(TestEngine().Surround, c.pb);
     for (uint32_t i = 0; i < kCount; ++i) {
         // The first 440 outputs are the last 440 of the first block, still in the ring.
         const float expected = i < 440 ? lp[kCount - 440 + i] : lp[2 * kCount + i - 440];
@@ -411,7 +412,7 @@ TEST(SurroundTail, OneMsAt1000HzPassesTheSurroundsUnchanged)
     const std::vector<float> right = TestSignal(64, 22);
     f.Fill(kSlotSL, left);
     f.Fill(kSlotSR, right);
-    SurroundTail(f.pb);
+    SurroundTail(TestEngine().Surround, f.pb);
     for (uint32_t i = 0; i < 64; ++i) {
         ASSERT_EQ(f.at(i, kSlotSL), left[i]) << "frame " << i;
         ASSERT_EQ(f.at(i, kSlotSR), right[i]) << "frame " << i;

@@ -17,6 +17,7 @@
 #include "signal/processor.h"
 #include "signal/sample_block.h"
 #include "tests/support/counting_heap.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -539,7 +540,7 @@ TEST(ProcessorSettingsLayout, AllZeroAtLibraryLoad)
 {
     // Nothing in this binary writes the settings, so they are as loaded.
     unsigned char bytes[sizeof(ProcessorSettingsRecord)];
-    std::memcpy(bytes, &ProcessorSettings, sizeof(bytes));
+    std::memcpy(bytes, &TestSettings(), sizeof(bytes));
     for (std::size_t i = 0; i < sizeof(bytes); ++i)
         EXPECT_EQ(bytes[i], 0u) << "byte " << i;
 }

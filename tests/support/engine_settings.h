@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "signal/processor.h"
+#include "tests/support/test_engine.h"
 
 // The words of the record that a test chooses. The defaults: no trims, no
 // delay, bass redirection at 120 Hz but off, all switches on, 16-bit output.
@@ -29,28 +30,28 @@ struct SettingsWords {
     int32_t SR = 1;
 };
 
-inline void ApplySettings(const SettingsWords& s)
+inline void ApplySettings(const SettingsWords& s, ProcessorSettingsRecord& target = TestSettings())
 {
-    std::memset(&ProcessorSettings, 0, sizeof(ProcessorSettings));
+    std::memset(&target, 0, sizeof(target));
     const char16_t path[] = u"out_ds.dll";
     for (std::size_t i = 0; i < sizeof(path) / sizeof(path[0]); ++i)
-        ProcessorSettings.Out_Plug[i] = WideChar(path[i]);
-    ProcessorSettings.Mode = s.Mode;
-    ProcessorSettings.Out_Bits = s.Out_Bits;
-    ProcessorSettings.Surround_Delay = s.Surround_Delay;
-    ProcessorSettings.Centre_Width = s.Centre_Width;
-    ProcessorSettings.Centre_Trim = s.Centre_Trim;
-    ProcessorSettings.Surround_Trim_00 = s.Surround_Trim_00;
-    ProcessorSettings.Bass_Redir = s.Bass_Redir;
-    ProcessorSettings.Bass_Redir_Enable = s.Bass_Redir_Enable;
-    ProcessorSettings.Bass_Trim = s.Bass_Trim;
-    ProcessorSettings.Bass_Invert = s.Bass_Invert;
-    ProcessorSettings.Virtual_C = s.Virtual_C;
-    ProcessorSettings.L = s.L;
-    ProcessorSettings.R = s.R;
-    ProcessorSettings.C = s.C;
-    ProcessorSettings.SL = s.SL;
-    ProcessorSettings.SR = s.SR;
+        target.Out_Plug[i] = WideChar(path[i]);
+    target.Mode = s.Mode;
+    target.Out_Bits = s.Out_Bits;
+    target.Surround_Delay = s.Surround_Delay;
+    target.Centre_Width = s.Centre_Width;
+    target.Centre_Trim = s.Centre_Trim;
+    target.Surround_Trim_00 = s.Surround_Trim_00;
+    target.Bass_Redir = s.Bass_Redir;
+    target.Bass_Redir_Enable = s.Bass_Redir_Enable;
+    target.Bass_Trim = s.Bass_Trim;
+    target.Bass_Invert = s.Bass_Invert;
+    target.Virtual_C = s.Virtual_C;
+    target.L = s.L;
+    target.R = s.R;
+    target.C = s.C;
+    target.SL = s.SL;
+    target.SR = s.SR;
 }
 
 // The defaults in the given mode.

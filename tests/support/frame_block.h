@@ -10,6 +10,7 @@
 #include "signal/frame.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
+#include "tests/support/test_engine.h"
 
 // The record of a stereo write of `count` frames in `frames`: all switches
 // on, no trims, no delay, no bass redirection; every other word 0.
@@ -70,7 +71,7 @@ struct FrameBlock {
 // state the engine is made in.
 inline void FreshEngine()
 {
-    EngineReset();
-    EngineState.SurroundDelayLine[0].Release();
-    EngineState.SurroundDelayLine[1].Release();
+    EngineReset(TestEngine());
+    TestEngine().Surround.SurroundDelayLine[0].Release();
+    TestEngine().Surround.SurroundDelayLine[1].Release();
 }

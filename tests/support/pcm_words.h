@@ -1,5 +1,5 @@
 // PCM words for the conversion tests: little-endian source samples put into
-// a byte stream, output samples read back from PcmBlock, and the output word
+// a byte stream, output samples read back from the engine's PcmBlock, and the output word
 // of a float spelled out from the scale factors.
 #pragma once
 
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engine/pcm_conversion.h"
+#include "tests/support/test_engine.h"
 
 inline void Put8(std::vector<uint8_t>& bytes, uint8_t value) { bytes.push_back(value); }
 
@@ -35,7 +36,7 @@ inline void Put32(std::vector<uint8_t>& bytes, int32_t value)
         bytes.push_back(uint8_t((u >> shift) & 0xFF));
 }
 
-inline const uint8_t* PcmBytes() { return reinterpret_cast<const uint8_t*>(PcmBlock.data); }
+inline const uint8_t* PcmBytes() { return reinterpret_cast<const uint8_t*>(TestEngine().PcmBlock.data); }
 
 // Sample `slot` of output frame `frame`, sign-extended from the word size.
 inline int32_t OutputSample(uint32_t outputBits, uint32_t frame, uint32_t slot)

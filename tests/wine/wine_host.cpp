@@ -141,6 +141,9 @@ BOOL CALLBACK CollectStatic(HWND child, LPARAM context)
     return TRUE;
 }
 
+// The plug-in's file dialog, answered by the Select test itself.
+const wchar_t kFileDialogTitle[] = L"Select a Winamp output plugin";
+
 BOOL CALLBACK AnswerBox(HWND window, LPARAM)
 {
     DWORD process = 0;
@@ -150,7 +153,7 @@ BOOL CALLBACK AnswerBox(HWND window, LPARAM)
     const std::wstring caption = WindowText(window);
     // The dialog is driven by its own test; a window of this class without
     // a caption is none of the plug-in's message boxes, which all have one.
-    if (caption == L"Kelvane Processor Configuration" || caption.empty())
+    if (caption == L"Kelvane Processor Configuration" || caption == kFileDialogTitle || caption.empty())
         return TRUE;
     SeenBox box{caption, L""};
     EnumChildWindows(window, &CollectStatic, reinterpret_cast<LPARAM>(&box.text));
@@ -1109,10 +1112,82 @@ void Dialog(Host& host, const std::wstring& screenshot)
     host.module->Quit();
 }
 
+HWND WaitForWindow(const wchar_t* title)
+{
+    HWND window = nullptr;
+    for (int tries = 0; tries < 400 && window == nullptr; ++tries) {
+        Sleep(50);
+        window = FindWindowW(L"#32770", title);
+    }
+    return window;
+}
+
+struct SelectRun {
+    std::wstring picked;     // the file the user picks
+    bool dialogFound;
+    bool fileDialogFound;
+    std::wstring shownPath;  // the dialog's path box after the pick
+};
+
+// Select, as a user does it: the button, then the file dialog answered with
+// a file name, then OK.
+DWORD WINAPI DriveSelect(void* context)
+{
+    auto* run = static_cast<SelectRun*>(context);
+    HWND dialog = WaitForWindow(L"Kelvane Processor Configuration");
+    run->dialogFound = dialog != nullptr;
+    if (dialog == nullptr)
+        return 0;
+    Sleep(200);
+    // Posted: the button's handler runs the file dialog's own modal loop.
+    PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(1027, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(dialog, 1027)));
+    HWND files = WaitForWindow(kFileDialogTitle);
+    run->fileDialogFound = files != nullptr;
+    if (files != nullptr) {
+        Sleep(300);
+        // The file name box: cmb13 in the explorer-style dialog, edt1 in the old one.
+        SetDlgItemTextW(files, 0x47C, run->picked.c_str());
+        SetDlgItemTextW(files, 0x480, run->picked.c_str());
+        PostMessageW(files, WM_COMMAND, MAKEWPARAM(IDOK, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(files, IDOK)));
+        for (int tries = 0; tries < 200 && IsWindow(files); ++tries)
+            Sleep(50);
+        Sleep(300);
+    }
+    run->shownPath = WindowText(GetDlgItem(dialog, 1004));
+    PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(IDOK, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(dialog, IDOK)));
+    return 0;
+}
+
+void Select(Host& host)
+{
+    DeleteSettingsKey();
+    WriteSettings(kDialogSettings, host.recorderPath);
+    // Another output plug-in under a name of its own, so that the pick shows.
+    SelectRun run{host.workDir + L"\\out_picked.dll", false, false, L""};
+    Check(CopyFileW(host.recorderPath.c_str(), run.picked.c_str(), FALSE) != 0, "select: a second plug-in to pick");
+    host.module->Init();
+    HANDLE driver = CreateThread(nullptr, 0, &DriveSelect, &run, 0, nullptr);
+    host.module->Config(host.window);
+    WaitForSingleObject(driver, 60000);
+    Check(run.dialogFound, "select: Config shows the dialog");
+    Check(run.fileDialogFound, "select: Select opens the file dialog");
+    Check(_wcsicmp(run.shownPath.c_str(), run.picked.c_str()) == 0, "select: the picked path in the path box",
+          Narrow(run.shownPath));
+    wchar_t stored[512] = {};
+    DWORD bytes = sizeof stored;
+    HKEY key = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKeyPath, 0, KEY_QUERY_VALUE, &key) == ERROR_SUCCESS) {
+        RegQueryValueExW(key, L"Out_Plug", nullptr, nullptr, reinterpret_cast<BYTE*>(stored), &bytes);
+        RegCloseKey(key);
+    }
+    Check(_wcsicmp(stored, run.picked.c_str()) == 0, "select: OK stores the picked path", Narrow(stored));
+    host.module->Quit();
+}
+
 int Usage()
 {
     std::fprintf(stderr,
-                 "usage: kelvane-wine-host render|record|forward|registry|missing|hook|quit|dialog "
+                 "usage: kelvane-wine-host render|record|forward|registry|missing|hook|quit|dialog|select "
                  "PLUGIN.dll RECORDER.dll WORK_DIR\n");
     return 2;
 }
@@ -1156,6 +1231,8 @@ int main(int argc, char** argv)
             QuitRestores(host);
         else if (command == "dialog")
             Dialog(host, host.workDir + L"\\dialog.png");
+        else if (command == "select")
+            Select(host);
         else
             return Usage();
         if (command != "record" && command != "missing") {

@@ -25,12 +25,13 @@
 #include "engine/pcm_conversion.h"
 #include "signal/processor.h"
 #include "tests/wine/scenarios.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
 void ApplySettings(const Scenario& s)
 {
-    ProcessorSettingsRecord& p = ProcessorSettings;
+    ProcessorSettingsRecord& p = TestSettings();
     int32_t* const fields[kSettingCount] = {&p.Mode,       &p.Out_Bits,          &p.Surround_Delay,
                                             &p.Centre_Width, &p.Centre_Trim,     &p.Surround_Trim_00,
                                             &p.Bass_Redir, &p.Bass_Redir_Enable, &p.Bass_Trim,
@@ -50,16 +51,16 @@ std::vector<uint8_t> Render(const Scenario& s)
     stream.Stream_Rate = s.rate;
     stream.Output_Bits = static_cast<uint32_t>(s.settings[1]);
     // The DLL starts each scenario after a Quit, which resets the engine.
-    EngineReset();
+    EngineReset(TestEngine());
 
     const std::vector<uint8_t> input = MakeInput(s);
     std::vector<uint8_t> output;
     size_t at = 0;
     for (uint32_t length : MakeWriteLengths(s)) {
         uint32_t frames = (length / stream.Stream_Channels) / (stream.Stream_Bits >> 3);
-        ConvertAndProcess(stream, input.data() + at, frames);
+        ConvertAndProcess(TestEngine(), TestSettings(), stream, input.data() + at, length, frames);
         const uint32_t bytes = (stream.Output_Bits >> 3) * frames * 6;
-        const auto* pcm = reinterpret_cast<const uint8_t*>(PcmBlock.data);
+        const auto* pcm = reinterpret_cast<const uint8_t*>(TestEngine().PcmBlock.data);
         output.insert(output.end(), pcm, pcm + bytes);
         at += length;
     }

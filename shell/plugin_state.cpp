@@ -1,0 +1,10 @@
+// The plug-in's one instance: the engine, the live settings, the link to the
+// chained plug-in and the reset request, static objects that live as long as
+// the library. The engine is built here at library load, which makes every
+// FFT plan and transforms the impulse tables, ahead of all host calls.
+#include "shell/chained_output.h"
+
+Engine PluginEngine;
+ProcessorSettingsRecord ProcessorSettings;
+ChainedOutputRecord ChainedOutput;
+uint32_t Reset_Pending;
