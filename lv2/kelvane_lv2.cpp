@@ -31,14 +31,14 @@
 #include "lv2/planner_wisdom.h"
 #include "lv2/plugin_ports.h"
 #include "signal/frame.h"
+#include "signal/mode.h"
 #include "signal/processor.h"
 
 namespace {
 
 constexpr uint32_t kSlots = kFrameFloats;
-constexpr int32_t kHeadphoneMode = 4;
-constexpr int32_t kLargestDelay = 100;      // ms, the top of the surround delay's range
-constexpr uint32_t kEarChannels = 2;         // the headphone output, L and R
+constexpr int32_t kLargestDelay = 100;        // ms, the top of the surround delay's range
+constexpr uint32_t kEarChannels = 2;          // the headphone output, L and R
 constexpr uint32_t kHoldBack = kBlockFrames;  // frames of delay in the headphone mode
 constexpr uint32_t kEarRingFrames = 2 * kBlockFrames;
 
@@ -209,16 +209,15 @@ void GrowEngine(PluginInstance& self)
         if (plugin.ports[i].setting >= SettingWord::L && plugin.ports[i].setting <= SettingWord::SR)
             words[uint32_t(plugin.ports[i].setting)] = 1;
 
-    for (int32_t mode = 0; mode <= 5; ++mode) {
-        if (plugin.fixedMode >= 0 ? mode != plugin.fixedMode : mode > 3)
+    for (int32_t mode = 0; mode < kModeCount; ++mode) {
+        if (plugin.fixedMode >= 0 ? mode != plugin.fixedMode : mode > kModeSteeredTwoSurround)
             continue;
         for (int32_t channels = 2; channels <= 6; ++channels) {
             if (plugin.fixedSource >= 0 ? channels != plugin.fixedSource : channels == 3)
                 continue;
             words[uint32_t(SettingWord::Mode)] = mode;
             words[uint32_t(SettingWord::Source)] = channels;
-            float* frames = self.engine->FrameBlock.Resize(kFrameBlockFloats, true);
-            (void)frames;
+            self.engine->FrameBlock.Resize(kFrameBlockFloats, true);
             ProcessorBlock block =
                 MakeProcessorBlock(words, self.sampleRate, kBlockFrames, &self.engine->FrameBlock);
             DispatchMode(*self.engine, block);
@@ -247,8 +246,7 @@ LV2_Handle Instantiate(const LV2_Descriptor* descriptor, double rate, const char
         return nullptr;
     self->plugin = plugin;
     self->sampleRate = int32_t(std::lround(rate));
-    self->holdsBack = plugin->fixedMode == kHeadphoneMode && self->sampleRate >= kHeadphoneRateLow &&
-                      self->sampleRate <= kHeadphoneRateHigh;
+    self->holdsBack = plugin->fixedMode == kModeHeadphone && IsHeadphoneRate(self->sampleRate);
     try {
         self->engine = new Engine();
         if (self->holdsBack) {

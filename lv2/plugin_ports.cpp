@@ -9,6 +9,7 @@
 
 #include "encoders/headphone_convolver.h"
 #include "signal/frame.h"
+#include "signal/mode.h"
 
 namespace {
 
@@ -47,10 +48,10 @@ constexpr PortRow kOutSR = Audio(PortKind::AudioOut, "out_sr", "Out SR", kSlotSR
 
 // The dialog's mode list, as far as the upmix runs it.
 constexpr ScalePoint kUpmixModes[] = {
-    {0, "Bypass"},
-    {1, "Kelvane+C (3/1) = L,R,C,S"},
-    {2, "Kelvane-AS (3/1) = L,R,C,S"},
-    {3, "Kelvane-ASr (3/2) = L,R,C,SL,SR"},
+    {kModeBypass, "Bypass"},
+    {kModeFixedMatrix, "Kelvane+C (3/1) = L,R,C,S"},
+    {kModeSteered, "Kelvane-AS (3/1) = L,R,C,S"},
+    {kModeSteeredTwoSurround, "Kelvane-ASr (3/2) = L,R,C,SL,SR"},
 };
 
 // Channel counts of a surround source on six ports, by the player's channel
@@ -64,8 +65,8 @@ constexpr ScalePoint kHeadphoneSources[] = {
 constexpr const ScalePoint* kEncodeSources = kHeadphoneSources + 1;
 constexpr uint32_t kEncodeSourceCount = 3;
 
-constexpr PortRow kMode = Control("mode", "Mode", SettingWord::Mode, ControlForm::Enumeration, 0, 3, 3,
-                                  PortUnit::None, kUpmixModes, 4);
+constexpr PortRow kMode = Control("mode", "Mode", SettingWord::Mode, ControlForm::Enumeration, kModeBypass,
+                                  kModeSteeredTwoSurround, kModeSteeredTwoSurround, PortUnit::None, kUpmixModes, 4);
 constexpr PortRow kSurroundDelay = Control("surround_delay", "Surround delay", SettingWord::Surround_Delay,
                                            ControlForm::Range, 0, 100, 10, PortUnit::Milliseconds);
 constexpr PortRow kCentreWidth = Control("centre_width", "Centre width", SettingWord::Centre_Width,
@@ -127,9 +128,9 @@ constexpr uint32_t CountOf(const PortRow (&)[N])
 
 const PluginRow kPlugins[kPluginCount] = {
     {"urn:kelvane:upmix", "Kelvane upmix", "upmix.ttl", -1, 2, kUpmixPorts, CountOf(kUpmixPorts)},
-    {"urn:kelvane:headphone", "Kelvane headphone", "headphone.ttl", 4, -1, kHeadphonePorts,
+    {"urn:kelvane:headphone", "Kelvane headphone", "headphone.ttl", kModeHeadphone, -1, kHeadphonePorts,
      CountOf(kHeadphonePorts)},
-    {"urn:kelvane:encode", "Kelvane encode", "encode.ttl", 5, -1, kEncodePorts, CountOf(kEncodePorts)},
+    {"urn:kelvane:encode", "Kelvane encode", "encode.ttl", kModeEncode, -1, kEncodePorts, CountOf(kEncodePorts)},
 };
 
 const PluginRow* FindPlugin(const char* uri)

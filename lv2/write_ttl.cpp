@@ -8,6 +8,7 @@
 #include <string>
 
 #include "lv2/plugin_ports.h"
+#include "product.h"
 
 namespace {
 
@@ -82,7 +83,7 @@ bool WritePlugin(const std::string& bundle, const PluginRow& plugin, int minor, 
                  "<%s>\n"
                  "    a lv2:Plugin, lv2:SpatialPlugin, doap:Project ;\n"
                  "    doap:name \"%s\" ;\n"
-                 "    doap:maintainer [ foaf:name \"Morrowfen\" ] ;\n"
+                 "    doap:maintainer [ foaf:name \"" KELVANE_MAKER "\" ] ;\n"
                  "    lv2:minorVersion %d ;\n"
                  "    lv2:microVersion %d ;\n"
                  "    lv2:optionalFeature lv2:hardRTCapable ;\n"
