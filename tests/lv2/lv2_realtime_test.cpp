@@ -155,46 +155,53 @@ bool ConvolverRuns(const PluginCase& c)
     return std::string(c.uri) == "urn:kelvane:headphone" && c.rate >= 44100.0 && c.rate <= 48000.0;
 }
 
+// Instantiates the case, then runs it many times in a child under the strict
+// filter; the child's wait status, -1 when the filter is refused.
+int StatusOfRunsUnderStrictFilter(const PluginCase& c)
+{
+    HostedPlugin plugin(World(), c.uri, c.rate, kLargestBlock);
+    if (!plugin.ok())
+        return -2;
+    FillInputs(plugin);
+    const std::vector<HostedPort*> controls = Controls(plugin);
+    return StatusUnderStrictFilter([&] { RunMany(plugin, controls); });
+}
+
+bool KilledForASystemCall(int status)
+{
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
 TEST(Lv2RealTime, RunMakesNoSystemCall)
 {
     for (const PluginCase& c : kCases) {
         if (ConvolverRuns(c))
             continue;
-        HostedPlugin plugin(World(), c.uri, c.rate, kLargestBlock);
-        ASSERT_TRUE(plugin.ok()) << c.uri;
-        FillInputs(plugin);
-        const std::vector<HostedPort*> controls = Controls(plugin);
-        const int status = StatusUnderStrictFilter([&] { RunMany(plugin, controls); });
+        const int status = StatusOfRunsUnderStrictFilter(c);
         if (status == -1)
             GTEST_SKIP() << "the kernel refuses the strict system-call filter here";
-        ASSERT_NE(status, -2) << "no child";
+        ASSERT_NE(status, -2) << c.uri << ": no instance or no child";
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
             << c.uri << " at " << c.rate << " Hz: the child "
-            << (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL ? "was killed for a system call"
-                                                                   : "ended otherwise");
+            << (KilledForASystemCall(status) ? "was killed for a system call" : "ended otherwise");
     }
 }
-
 
 TEST(Lv2RealTime, HeadphoneRunMakesNoSystemCallWhereTheConvolverRuns)
 {
     for (const PluginCase& c : kCases) {
         if (!ConvolverRuns(c))
             continue;
-        HostedPlugin plugin(World(), c.uri, c.rate, kLargestBlock);
-        ASSERT_TRUE(plugin.ok()) << c.uri;
-        FillInputs(plugin);
-        const std::vector<HostedPort*> controls = Controls(plugin);
-        const int status = StatusUnderStrictFilter([&] { RunMany(plugin, controls); });
+        const int status = StatusOfRunsUnderStrictFilter(c);
         if (status == -1)
             GTEST_SKIP() << "the kernel refuses the strict system-call filter here";
-        ASSERT_NE(status, -2) << "no child";
+        ASSERT_NE(status, -2) << c.uri << ": no instance or no child";
         // The engine's convolver runs FFTW's 16384-point real transforms, and
         // FFTW's execution of those plans takes a scratch array of 16386
         // floats from malloc and frees it again, at every transform: below
         // the engine, out of the plug-in's reach. While it does, the child
         // dies at the heap's first growth, and this is reported, not passed.
-        if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+        if (KilledForASystemCall(status))
             GTEST_SKIP() << c.uri << " at " << c.rate
                          << " Hz: a system call, from the scratch that fftwf_execute allocates on the "
                             "convolver's transforms; the engine's transforms must run without it first";
