@@ -12,6 +12,7 @@
 #include "engine/pcm_conversion.h"
 #include "signal/processor.h"
 #include "tests/support/engine_settings.h"
+#include "tests/support/test_engine.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ void WriteInMode(benchmark::State& state, uint32_t channels)
     }
     for (auto _ : state) {
         uint32_t frames = kFrames;
-        ConvertAndProcess(engine, record, stream, reinterpret_cast<const uint8_t*>(pcm.data()), frames);
+        ConvertWholeFrames(engine, record, stream, reinterpret_cast<const uint8_t*>(pcm.data()), frames);
         benchmark::DoNotOptimize(engine.PcmBlock.data);
     }
     state.SetItemsProcessed(int64_t(state.iterations()) * kFrames);

@@ -9,6 +9,7 @@
 #include "filters/second_order.h"
 
 #include <cmath>
+#include <cstddef>
 
 #include "signal/frame.h"
 
@@ -93,9 +94,13 @@ void HighPass2(FilterState& state, float* base, uint32_t first, float cutoff, in
 {
     const SectionCoefficients k = HighPassCoefficients(cutoff, block.Sample_Rate);
     FilterState m = state;  // held in registers over the loop
-    float* p = base + first;
-    for (uint32_t i = 0; i < block.Frames; ++i, p += stride)
-        *p = HighPassStep(k, m, *p);
+    // Indexed, so that a block of 0 frames forms no address in an array that
+    // a first write of 0 frames has not made yet.
+    const std::size_t step = std::size_t(stride);
+    for (uint32_t i = 0; i < block.Frames; ++i) {
+        float& x = base[first + i * step];
+        x = HighPassStep(k, m, x);
+    }
     state = m;
 }
 
@@ -104,9 +109,11 @@ void LowPass2(FilterState& state, float* base, uint32_t first, float cutoff, int
 {
     const SectionCoefficients k = LowPassCoefficients(cutoff, block.Sample_Rate);
     FilterState m = state;
-    float* p = base + first;
-    for (uint32_t i = 0; i < block.Frames; ++i, p += stride)
-        *p = LowPassStep(k, m, *p);
+    const std::size_t step = std::size_t(stride);
+    for (uint32_t i = 0; i < block.Frames; ++i) {
+        float& x = base[first + i * step];
+        x = LowPassStep(k, m, x);
+    }
     state = m;
 }
 

@@ -25,10 +25,11 @@ void ResetEngineMeter(EngineMeter& meter)
     EngineReset(*meter.engine);
 }
 
-const float* MeterWrite(EngineMeter& meter, const uint8_t* source, uint32_t frames, uint32_t& out_frames)
+const float* MeterWrite(EngineMeter& meter, const uint8_t* source, uint32_t bytes, uint32_t& out_frames)
 {
-    out_frames = frames;
-    ConvertAndProcess(*meter.engine, meter.settings, meter.stream, source, out_frames);
+    // The frame count as the shell's Write forms it from the byte count.
+    out_frames = (bytes / meter.stream.Stream_Channels) / (meter.stream.Stream_Bits / 8);
+    ConvertAndProcess(*meter.engine, meter.settings, meter.stream, source, bytes, out_frames);
     return meter.engine->FrameBlock.data;
 }
 

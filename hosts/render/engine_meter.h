@@ -29,10 +29,10 @@ void OpenEngineMeter(EngineMeter& meter, int rate, int channels, int bits);
 // What the processor does at a reset (Stop and Play, Quit).
 void ResetEngineMeter(EngineMeter& meter);
 
-// Processes one write of `frames` frames at `source` (with the same readable
-// bytes behind it that the plug-in gets). Returns the frames that the write
-// yields, six floats each, and their count in `out_frames`.
-const float* MeterWrite(EngineMeter& meter, const uint8_t* source, uint32_t frames, uint32_t& out_frames);
+// Processes one write of `bytes` bytes at `source`, as the plug-in's Write
+// gets it. Returns the frames that the write yields, six floats each, and
+// their count in `out_frames`.
+const float* MeterWrite(EngineMeter& meter, const uint8_t* source, uint32_t bytes, uint32_t& out_frames);
 
 // True when a float before the conversion does not fit an output word of
 // `bits` bits: the conversion multiplies by 0.85 of full scale and truncates

@@ -139,13 +139,13 @@ void RemoveWorkFolder(const std::string& folder)
 {
     if (folder.empty())
         return;
-    for (const std::string& sub : {folder + "/Morrowfen", folder}) {
+    for (const std::string& sub : {folder + "/" + kMakerKeyName, folder}) {
         DIR* dir = opendir(sub.c_str());
         if (dir == nullptr)
             continue;
         while (dirent* entry = readdir(dir)) {
             const std::string name = entry->d_name;
-            if (name != "." && name != ".." && name != "Morrowfen")
+            if (name != "." && name != ".." && name != kMakerKeyName)
                 std::remove((sub + "/" + name).c_str());
         }
         closedir(dir);
@@ -486,9 +486,9 @@ int PlanFiles(const RenderOptions& options, const std::vector<RegValue>& saved, 
 int RenderFiles(const RenderOptions& options, const PluginPaths& paths, RenderContext& context)
 {
     // The saved settings as they stand; never written.
-    const std::string saved_file = RegStoreFile(kProcessorKeyName);
+    const std::string saved_file = RegStoreFile(kMakerKeyName, kProcessorKeyName);
     std::vector<RegValue> saved;
-    const bool saved_found = ReadRegKey(saved_file, RegKeyPath(kProcessorKeyName), saved);
+    const bool saved_found = ReadRegKey(saved_file, RegKeyPath(kMakerKeyName, kProcessorKeyName), saved);
     CheckSavedSettings(saved_file, saved, saved_found);
 
     RenderRequest request{};
@@ -576,7 +576,7 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
     if (options.help) {
-        std::fputs(RenderUsage(RegStoreFile(kProcessorKeyName)).c_str(), stdout);
+        std::fputs(RenderUsage(RegStoreFile(kMakerKeyName, kProcessorKeyName)).c_str(), stdout);
         return kExitSuccess;
     }
     if (options.version) {

@@ -30,6 +30,7 @@
 
 namespace {
 
+constexpr const char* kMakerName = "Morrowfen";
 constexpr const char* kKeyName = "OutWav";
 constexpr const char* kOutFileValue = "Out_File";
 constexpr const char* kDefaultFileName = "out_wav.wav";
@@ -72,7 +73,7 @@ std::string DefaultOutFile()
 std::string ConfiguredOutFile()
 {
     std::vector<RegValue> values;
-    ReadRegKey(RegStoreFile(kKeyName), RegKeyPath(kKeyName), values);
+    ReadRegKey(RegStoreFile(kMakerName, kKeyName), RegKeyPath(kMakerName, kKeyName), values);
     const RegValue* value = FindRegValue(values, kOutFileValue);
     if (value == nullptr || value->is_dword || value->text.empty())
         return DefaultOutFile();
@@ -116,7 +117,7 @@ int Subtype(int bits)
 
 void Config(host::HWND)
 {
-    ShowMessage("writes to " + ConfiguredOutFile() + " (value Out_File in " + RegStoreFile(kKeyName) + ")");
+    ShowMessage("writes to " + ConfiguredOutFile() + " (value Out_File in " + RegStoreFile(kMakerName, kKeyName) + ")");
 }
 
 void About(host::HWND)

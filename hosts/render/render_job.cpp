@@ -114,9 +114,10 @@ bool WriteBlock(host::Out_Module* module, std::vector<uint8_t>& buffer, int leng
 }
 
 // The work buffer holds the block and, behind it, zeros: for four channels of
-// 32 bits and five of 24 bits the processor reads past the end of what it was
-// given, up to 2.2 times the block's length, and those reads must land on
-// something defined.
+// 32 bits and five of 24 bits the processor reads on past what the block's
+// frames take. This build stops at the end of the buffer it is given; a
+// processor loaded with --plugin may read up to 2.2 times the block's length
+// beyond, and those reads must land on something defined.
 void PrepareWriteBuffer(std::vector<uint8_t>& buffer, const std::vector<uint8_t>& block)
 {
     const size_t length = block.size();
@@ -285,7 +286,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
         if (with_plugin && !WriteBlock(module, buffer, frames * frame_bytes, error))
             return false;
         uint32_t out_frames = 0;
-        const float* processed = MeterWrite(meter, buffer.data(), static_cast<uint32_t>(frames), out_frames);
+        const float* processed =
+            MeterWrite(meter, buffer.data(), static_cast<uint32_t>(frames * frame_bytes), out_frames);
         for (uint32_t f = 0; f < out_frames; ++f, ++metered_frames) {
             while (attributed < current && metered_frames >= record.offset[attributed] + record.fed[attributed])
                 ++attributed;
@@ -303,7 +305,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             const std::string piece = context.work_folder + "/piece-" + std::to_string(i) + ".wav";
             std::vector<RegValue> writer;
             SetRegString(writer, "Out_File", piece);
-            if (!WriteRegKey(context.work_folder + "/Morrowfen/OutWav.reg", RegKeyPath("OutWav"), writer, error))
+            if (!WriteRegKey(context.work_folder + "/" + kMakerKeyName + "/OutWav.reg",
+                             RegKeyPath(kMakerKeyName, "OutWav"), writer, error))
                 return false;
             run.pieces.push_back(piece);
         }
@@ -497,8 +500,8 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
     summary.processor_bits = processor_bits;
 
     // The processor's private settings store for this run.
-    const std::string store = context.work_folder + "/Morrowfen/" + kProcessorKeyName + ".reg";
-    if (!WriteRegKey(store, RegKeyPath(kProcessorKeyName), settings, error))
+    const std::string store = context.work_folder + "/" + kMakerKeyName + "/" + kProcessorKeyName + ".reg";
+    if (!WriteRegKey(store, RegKeyPath(kMakerKeyName, kProcessorKeyName), settings, error))
         return false;
 
     Progress progress{};

@@ -119,7 +119,8 @@ struct RenderContext {
     std::string work_folder;   // private folder; XDG_CONFIG_HOME points here
 };
 
-// The processor's key in the registry stand-in.
+// The processor's key in the registry stand-in: SOFTWARE\<maker>\<product>.
+constexpr const char* kMakerKeyName = "Morrowfen";
 constexpr const char* kProcessorKeyName = "Kelvane";
 
 // Runs the request and leaves the outputs finished under their temporary

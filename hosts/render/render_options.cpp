@@ -6,18 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "signal/mode.h"
+
 namespace {
-
-constexpr int kModeCount = 6;
-
-constexpr const char* kModeLabels[kModeCount] = {
-    "Bypass",
-    "Kelvane+C (3/1) = L,R,C,S",
-    "Kelvane-AS (3/1) = L,R,C,S",
-    "Kelvane-ASr (3/2) = L,R,C,SL,SR",
-    "Kelvane Headphone (2/0) = L,R",
-    "Kelvane Encode (2/0) = L,R",
-};
 
 // What --mode takes and --help and the demo show.
 constexpr const char* kModeNames[kModeCount] = {

@@ -288,7 +288,7 @@ TEST(RegFile, OnlyTheValuesOfTheKeyAreRead)
            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane]\r\n"
            "; a comment\r\n\"Out_Plug\"=\"out_ds.dll\"\r\n\"Mode\"=dword:00000004\r\n\"Odd\"=hex:01,02\r\n";
     std::vector<RegValue> values;
-    ASSERT_TRUE(ReadRegKey(path, RegKeyPath("Kelvane"), values));
+    ASSERT_TRUE(ReadRegKey(path, RegKeyPath("Morrowfen", "Kelvane"), values));
     ASSERT_EQ(values.size(), 2u);
     EXPECT_EQ(FindRegValue(values, "Out_Plug")->text, "out_ds.dll");
     EXPECT_EQ(FindRegValue(values, "mode")->dword, 4u);
@@ -303,7 +303,7 @@ TEST(RegFile, WrittenFileIsTheExportFormat)
     SetRegDword(values, "Mode", 4);
     SetRegDword(values, "Surround_Trim_00", -3);
     std::string error;
-    ASSERT_TRUE(WriteRegKey(path, RegKeyPath("Kelvane"), values, error)) << error;
+    ASSERT_TRUE(WriteRegKey(path, RegKeyPath("Morrowfen", "Kelvane"), values, error)) << error;
     EXPECT_EQ(ReadWholeFile(path),
               "Windows Registry Editor Version 5.00\n\n"
               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane]\n"
@@ -318,10 +318,10 @@ TEST(RegFile, StoreFollowsXdgConfigHomeThenHome)
     const char* old_config = std::getenv("XDG_CONFIG_HOME");
     const std::string saved_config = old_config != nullptr ? old_config : "";
     setenv("XDG_CONFIG_HOME", "/cfg", 1);
-    EXPECT_EQ(RegStoreFile("Kelvane"), "/cfg/Morrowfen/Kelvane.reg");
+    EXPECT_EQ(RegStoreFile("Morrowfen", "Kelvane"), "/cfg/Morrowfen/Kelvane.reg");
     unsetenv("XDG_CONFIG_HOME");
     setenv("HOME", "/home/someone", 1);
-    EXPECT_EQ(RegStoreFile("OutWav"), "/home/someone/.config/Morrowfen/OutWav.reg");
+    EXPECT_EQ(RegStoreFile("Morrowfen", "OutWav"), "/home/someone/.config/Morrowfen/OutWav.reg");
     if (!saved_config.empty())
         setenv("XDG_CONFIG_HOME", saved_config.c_str(), 1);
 }

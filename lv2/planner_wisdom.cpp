@@ -1,0 +1,34 @@
+// Wisdom for the plug-in's plans, read from the user's cache or the system.
+#include "lv2/planner_wisdom.h"
+
+#include <fftw3.h>
+
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+// The cache file of the user, or the empty text when no home is known.
+std::string CacheWisdomPath()
+{
+    const char* cache = std::getenv("XDG_CACHE_HOME");
+    if (cache != nullptr && cache[0] == '/')
+        return std::string(cache) + "/kelvane/fftw-wisdom";
+    const char* home = std::getenv("HOME");
+    if (home != nullptr && home[0] == '/')
+        return std::string(home) + "/.cache/kelvane/fftw-wisdom";
+    return std::string();
+}
+
+}  // namespace
+
+void ImportPlannerWisdom()
+{
+    fftwf_make_planner_thread_safe();
+    const std::string path = CacheWisdomPath();
+    // A missing or unreadable file, or wisdom of another FFTW build, is
+    // refused by the importer and changes nothing.
+    if (!path.empty() && fftwf_import_wisdom_from_filename(path.c_str()) != 0)
+        return;
+    fftwf_import_system_wisdom();
+}
