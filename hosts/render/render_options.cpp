@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "signal/mode.h"
+#include "signal/processor.h"
 
 namespace {
 
@@ -22,13 +23,9 @@ constexpr const char* kModeFileNames[kModeCount] = {
 
 // The processor's defaults for values that the store does not hold, in the
 // order of its key.
-const std::vector<SettingDefault> kSettingDefaults = {
-    {"Mode", 3},           {"Out_Bits", 16},         {"Surround_Delay", 10}, {"Centre_Width", 0},
-    {"Centre_Trim", 0},    {"Surround_Trim_00", 0},  {"Bass_Redir", 120},    {"Bass_Redir_Enable", 0},
-    {"Bass_Trim", 0},      {"Bass_Invert", 0},       {"Virtual_C", 0},       {"L", 1},
-    {"R", 1},              {"C", 1},                 {"SL", 1},              {"SR", 1},
-};
-constexpr int kDefaultMode = 3;
+#define KELVANE_SETTING_DEFAULT(name, fallback) {#name, fallback},
+const std::vector<SettingDefault> kSettingDefaults = {KELVANE_NUMBER_SETTINGS(KELVANE_SETTING_DEFAULT)};
+constexpr int kDefaultMode = kModeSteeredTwoSurround;  // the default of Mode
 
 // An option that sets one integer setting within the dialog's range.
 struct RangeOption {
