@@ -27,7 +27,8 @@ void Write(benchmark::State& state, uint32_t channels, bool bassRedirect)
     const std::vector<int16_t> pcm = NoisePcm(kWriteFrames * channels);
     for (auto _ : state) {
         uint32_t frames = kWriteFrames;
-        ConvertAndProcess(engine, settings, stream, reinterpret_cast<const uint8_t*>(pcm.data()), frames);
+        ConvertAndProcess(engine, settings, stream, reinterpret_cast<const uint8_t*>(pcm.data()),
+                          uint32_t(pcm.size() * sizeof(pcm[0])), frames);
         benchmark::DoNotOptimize(engine.PcmBlock.data);
     }
     CountFrames(state, uint64_t(state.iterations()) * kWriteFrames);
@@ -50,7 +51,8 @@ void HeadphoneWorstWrite(benchmark::State& state, uint32_t channels)
         for (;;) {
             uint32_t frames = kWriteFrames;
             const Clock::time_point start = Clock::now();
-            ConvertAndProcess(engine, settings, stream, reinterpret_cast<const uint8_t*>(pcm.data()), frames);
+            ConvertAndProcess(engine, settings, stream, reinterpret_cast<const uint8_t*>(pcm.data()),
+                              uint32_t(pcm.size() * sizeof(pcm[0])), frames);
             const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
             if (frames != 0) {
                 state.SetIterationTime(seconds);
@@ -80,14 +82,16 @@ void BM_SilenceAfterSignal(benchmark::State& state)
         EngineReset(engine);
         for (uint32_t w = 0; w < kBenchRate / kWriteFrames; ++w) {
             uint32_t frames = kWriteFrames;
-            ConvertAndProcess(engine, settings, stream, reinterpret_cast<const uint8_t*>(signal.data()), frames);
+            ConvertAndProcess(engine, settings, stream, reinterpret_cast<const uint8_t*>(signal.data()),
+                              uint32_t(signal.size() * sizeof(signal[0])), frames);
         }
         state.ResumeTiming();
         // The next second, of silence or of more signal.
         for (uint32_t w = 0; w < kBenchRate / kWriteFrames; ++w) {
             uint32_t frames = kWriteFrames;
             const std::vector<int16_t>& pcm = silent ? silence : signal;
-            ConvertAndProcess(engine, settings, stream, reinterpret_cast<const uint8_t*>(pcm.data()), frames);
+            ConvertAndProcess(engine, settings, stream, reinterpret_cast<const uint8_t*>(pcm.data()),
+                              uint32_t(pcm.size() * sizeof(pcm[0])), frames);
             benchmark::DoNotOptimize(engine.PcmBlock.data);
         }
     }

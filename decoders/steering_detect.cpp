@@ -60,6 +60,10 @@ void SteeringPair(float l, float r, float& x, float& y)
 
 void BandSplit(SteeringState& steering, ProcessorBlock& block)
 {
+    // A block of 0 frames leaves the bands and the memories as they are and
+    // forms no address in bands that a first write of 0 frames has not made.
+    if (block.Frames == 0)
+        return;
     float* high = steering.HighBand.data;
     float* low = steering.LowBand.data;
     const float* f = block.Block->data;

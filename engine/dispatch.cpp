@@ -51,7 +51,8 @@ void DispatchMode(Engine& engine, ProcessorBlock& block)
         block.Centre_Trim = 0;
         block.Surround_Trim_00 = 0;
     }
-    block.Surround_Trim_00 += kSurroundOffset;
+    // Setting words are 32-bit two's complement: the offset wraps at the top.
+    block.Surround_Trim_00 = int32_t(uint32_t(block.Surround_Trim_00) + uint32_t(kSurroundOffset));
 
     switch (block.In_Channels) {
     case 2:

@@ -9,11 +9,13 @@
 // 32-bit four-channel sources are read again by the five-channel pass from
 // the start (a stride of five), and 24-bit five-channel frames are replaced
 // by the six-channel pass reading on from where the first pass stopped.
-// Those second passes reach behind the host's buffer. This build never reads
-// outside the buffer: a byte behind the source's frames reads as 0, so the
-// 24-bit five-channel frames come out silent and the last fifth of the
-// 32-bit four-channel reads are 0.0. The 24-bit fetch reads its three bytes,
-// never a fourth one behind the sample.
+// Those second passes reach behind the frames the host wrote. They read the
+// bytes of the host's buffer as they are, a partial frame at its end
+// included, and never read outside it: a byte at or behind the buffer's
+// length reads as 0. So with whole frames only, the 24-bit five-channel
+// frames come out silent and the last fifth of the 32-bit four-channel reads
+// are 0.0. The 24-bit fetch reads its three bytes, never a fourth one behind
+// the sample.
 #include "engine/pcm_conversion.h"
 
 #include <cstddef>
@@ -130,8 +132,10 @@ void SilencePass(float* frames, uint32_t count)
 }
 
 // The conversions of one depth, chosen by channel count outside the loops.
+// `sourceBytes` is the length of the host's buffer, the limit of the run-on
+// passes.
 template <uint32_t Bits>
-void ConvertDepth(uint32_t channels, const uint8_t* source, float* frames, uint32_t count)
+void ConvertDepth(uint32_t channels, const uint8_t* source, std::size_t sourceBytes, float* frames, uint32_t count)
 {
     constexpr std::size_t bytes = Bits / 8;
     switch (channels) {
@@ -146,7 +150,7 @@ void ConvertDepth(uint32_t channels, const uint8_t* source, float* frames, uint3
         if constexpr (Bits == 32) {
             // Runs on into the five-channel pass, from the start of the source
             // and of the block: frame i becomes words 5i..5i+4.
-            ConvertPass<Bits, 5, true>(source, 0, 4 * bytes * count, frames, count);
+            ConvertPass<Bits, 5, true>(source, 0, sourceBytes, frames, count);
         }
         break;
     case 5:
@@ -155,7 +159,7 @@ void ConvertDepth(uint32_t channels, const uint8_t* source, float* frames, uint3
             // Runs on into the six-channel pass from the start of the block
             // but with the source position where the first pass stopped.
             const std::size_t stop = 5 * bytes * count;
-            ConvertPass<Bits, 6, true>(source, stop, stop, frames, count);
+            ConvertPass<Bits, 6, true>(source, stop, sourceBytes, frames, count);
         }
         break;
     case 6:
@@ -204,21 +208,21 @@ void StorePcm(const float* f, uint8_t* out, uint32_t count, float scale)
 }  // namespace
 
 void ConvertAndProcess(Engine& engine, const ProcessorSettingsRecord& settings, const StreamWords& stream,
-                       const uint8_t* source, uint32_t& frames)
+                       const uint8_t* source, uint32_t sourceBytes, uint32_t& frames)
 {
     float* f = engine.FrameBlock.Resize(kFrameBlockFloats, false);
     switch (stream.Stream_Bits) {
     case 8:
-        ConvertDepth<8>(stream.Stream_Channels, source, f, frames);
+        ConvertDepth<8>(stream.Stream_Channels, source, sourceBytes, f, frames);
         break;
     case 16:
-        ConvertDepth<16>(stream.Stream_Channels, source, f, frames);
+        ConvertDepth<16>(stream.Stream_Channels, source, sourceBytes, f, frames);
         break;
     case 24:
-        ConvertDepth<24>(stream.Stream_Channels, source, f, frames);
+        ConvertDepth<24>(stream.Stream_Channels, source, sourceBytes, f, frames);
         break;
     case 32:
-        ConvertDepth<32>(stream.Stream_Channels, source, f, frames);
+        ConvertDepth<32>(stream.Stream_Channels, source, sourceBytes, f, frames);
         break;
     default:
         // No conversion: the frames that earlier writes left go on.

@@ -21,10 +21,12 @@ constexpr float kOutputScale32 = 1825361152.0f;        // 0.85 x 2147483648
 
 // Converts `frames` frames at `source`, processes them on `engine`, and
 // leaves the output in engine.PcmBlock; `frames` comes back as the count of
-// frames there. The settings are read word by word as they stand at this
-// moment: the dialog may change them between writes. Write path.
+// frames there. `sourceBytes` is the length of the host's buffer, at least
+// the frames' bytes: the two run-on conversions read on into it and read
+// nothing behind it. The settings are read word by word as they stand at
+// this moment: the dialog may change them between writes. Write path.
 void ConvertAndProcess(Engine& engine, const ProcessorSettingsRecord& settings, const StreamWords& stream,
-                       const uint8_t* source, uint32_t& frames);
+                       const uint8_t* source, uint32_t sourceBytes, uint32_t& frames);
 
 // Float to signed 32-bit by truncation toward zero; anything outside the
 // 32-bit range, and NaN, becomes 0x80000000.

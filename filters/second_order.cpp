@@ -136,6 +136,10 @@ template void LowPass2Lanes<4>(const SectionLane (&)[4], int32_t, float, const P
 void HighPass2(FilterState& state, float* base, uint32_t first, float cutoff, int32_t stride,
                const ProcessorBlock& block)
 {
+    // A block of 0 frames changes no memory; returning first forms no
+    // address in an array that a first write of 0 frames has not made yet.
+    if (block.Frames == 0)
+        return;
     const SectionLane lane[1] = {{&state, base + first}};
     RunLanes<1, HighPassStep<float, FilterState>>(lane, stride, HighPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
 }
@@ -143,6 +147,10 @@ void HighPass2(FilterState& state, float* base, uint32_t first, float cutoff, in
 void LowPass2(FilterState& state, float* base, uint32_t first, float cutoff, int32_t stride,
               const ProcessorBlock& block)
 {
+    // A block of 0 frames changes no memory; returning first forms no
+    // address in an array that a first write of 0 frames has not made yet.
+    if (block.Frames == 0)
+        return;
     const SectionLane lane[1] = {{&state, base + first}};
     RunLanes<1, LowPassStep<float, FilterState>>(lane, stride, LowPassCoefficients(cutoff, block.Sample_Rate), block.Frames);
 }

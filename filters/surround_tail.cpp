@@ -58,7 +58,9 @@ void DelayRun(SampleBlock& line, uint32_t microseconds, const ProcessorBlock& bl
 
 void SurroundLowPass(SurroundTailState& tail, ProcessorBlock& block)
 {
-    if (block.Sample_Rate < kSurroundLowPassMinRate)
+    // With 0 frames there is nothing to filter and no address is formed in
+    // frames a first write of 0 frames has not made yet.
+    if (block.Sample_Rate < kSurroundLowPassMinRate || block.Frames == 0)
         return;
     float* frames = block.Block->data;
     const SectionLane lanes[2] = {{&tail.SurroundFilter[0], frames + kSlotSL},

@@ -2,16 +2,22 @@
 //
 // On Windows this is <windows.h> itself, with the common controls and common
 // dialog headers for the track-bar messages and the file-open dialog. On POSIX
-// the same names are declared here with the Windows types they need, and
-// posix_platform.cpp implements them: dlopen for the libraries, a .reg text
-// file for the registry key, standard error for message boxes, window records
+// the same names are declared here with the Windows types they need, and the
+// files of posix/ implement them: dlopen for the libraries, .reg text files
+// for the registry keys, standard error for message boxes, window records
 // whose first member is their procedure, and an in-memory dialog that runs the
-// dialog procedure against the controls of the dialog template.
+// dialog procedure against the controls of a registered dialog template. What
+// a host or a test reads of the emulation beyond these names is declared in
+// posix/dialog_emulator.h.
 //
 // The plug-in's own code in shell/ and settings/ includes this header and
 // calls these names only; no other file includes a system header of the
 // platform.
 #pragma once
+
+#include <cstdint>
+
+struct DialogTemplateRecord;  // platform/dialog_template.h
 
 #ifdef _WIN32
 
@@ -28,9 +34,11 @@
 #define SetWindowLongW SetWindowLongPtrW
 #endif
 
-#else  // POSIX
+// Windows finds dialog templates among the resources compiled into the
+// module, so there is nothing to hand over.
+inline void RegisterDialogTemplates(const DialogTemplateRecord*, uint32_t) {}
 
-#include <cstdint>
+#else  // POSIX
 
 // ---- Basic types, at the widths of the 32-bit Windows interface ----
 
@@ -182,14 +190,17 @@ using LPOPENFILENAMEW = OPENFILENAMEW*;
 
 // ---- Services ----
 
-// Libraries: dlopen(UTF-8 path, RTLD_NOW | RTLD_LOCAL), dlsym, dlclose.
+// Libraries: dlopen(UTF-8 path, RTLD_NOW | RTLD_LOCAL), dlsym, dlclose. An
+// empty name loads nothing, as on Windows (dlopen would give the program).
 HMODULE LoadLibraryW(LPCWSTR path);
 FARPROC GetProcAddress(HMODULE library, LPCSTR name);
 BOOL FreeLibrary(HMODULE library);
 
-// Registry: the key HKEY_LOCAL_MACHINE\SOFTWARE\Morrowfen\Kelvane lives in
-// ${XDG_CONFIG_HOME:-$HOME/.config}/Morrowfen/Kelvane.reg (.reg export
-// format 5.00). Only that key exists; every other key is absent.
+// Registry: a key HKEY_LOCAL_MACHINE\SOFTWARE\<Maker>\<Product> lives in
+// ${XDG_CONFIG_HOME:-$HOME/.config}/<Maker>/<Product>.reg (.reg export
+// format 5.00); keys of any other form are absent. What is set through a
+// handle is saved when the handle is closed, in one atomic rewrite of the
+// file.
 LSTATUS RegOpenKeyExW(HKEY root, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY result);
 LSTATUS RegQueryValueExW(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD bytes);
 LSTATUS RegCreateKeyExW(HKEY root, LPCWSTR subKey, DWORD reserved, LPWSTR keyClass, DWORD options, REGSAM access,
@@ -220,69 +231,13 @@ LRESULT SendMessageW(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
 UINT_PTR SetTimer(HWND window, UINT_PTR id, UINT elapse, TIMERPROC function);
 
 // The file-open dialog: takes the answer that the host queued on the running
-// dialog (WM_QUEUE_OPEN_FILE below); with none queued, the user cancelled.
+// dialog (platform/posix/dialog_emulator.h); with none queued, the user
+// cancelled.
 BOOL GetOpenFileNameW(LPOPENFILENAMEW request);
 
-// ---- The emulated dialog, as a host sees it ----
-//
-// These records are what DialogBoxParamW builds, so that a host or a test can
-// read every control's state. A host changes them only by messages, as a
-// user's input would: BM_CLICK to a button or check box (a disabled control
-// ignores it), CB_SETCURSEL to a combo box followed by WM_COMMAND with
-// CBN_SELCHANGE to the dialog, TBM_SETPOS to a track bar followed by
-// WM_HSCROLL to the dialog, WM_CLOSE to the dialog for its close box.
-
-// Sent to the dialog window: lParam points to an OpenFileAnswer that the next
-// GetOpenFileNameW takes (and fills in with what it was asked).
-constexpr UINT WM_QUEUE_OPEN_FILE = WM_APP + 0x100;
-
-struct OpenFileAnswer {
-    LPCWSTR path;           // what the user picks; null: the user cancels
-    // Filled in by GetOpenFileNameW from the request it was given.
-    BOOL taken;
-    DWORD structSize;
-    DWORD flags;
-    DWORD maxFile;
-    HWND owner;
-    WCHAR title[128];
-    WCHAR filter[128];      // both strings of the pair, each with its terminator
-    WCHAR startFile[260];   // the text in lpstrFile when the dialog opened
-};
-
-constexpr uint32_t kDialogTextChars = 512;
-constexpr uint32_t kDialogComboItems = 16;
-constexpr uint32_t kDialogComboItemChars = 64;
-constexpr uint32_t kDialogMaxControls = 64;
-
-struct DialogControl {
-    HWND__ window;            // first: the control's procedure
-    HWND parent;              // the dialog
-    int32_t id;               // control id, -1 for those never addressed
-    uint32_t kind;            // ControlKind of the template row
-    BOOL enabled;
-    WCHAR text[kDialogTextChars];
-    int32_t check;            // check boxes: 0 or 1
-    uint32_t itemCount;       // combo boxes
-    WCHAR items[kDialogComboItems][kDialogComboItemChars];
-    int32_t selection;        // combo boxes: -1 without a selection
-    int32_t rangeMin;         // track bars
-    int32_t rangeMax;
-    int32_t position;
-};
-
-struct DialogWindow {
-    HWND__ window;            // first: the dialog's window procedure
-    HWND owner;
-    DLGPROC procedure;        // the dialog procedure
-    BOOL ended;
-    INT_PTR result;           // from EndDialog
-    UINT_PTR timerId;         // the timer, when timerSet
-    UINT timerElapse;         // milliseconds
-    BOOL timerSet;
-    uint32_t delivered;       // messages sent to the dialog from outside
-    const OpenFileAnswer* queuedAnswer;
-    uint32_t controlCount;
-    DialogControl controls[kDialogMaxControls];
-};
+// The templates that DialogBoxParamW finds by resource number, as Windows
+// finds them among the module's resources. The table is the module's own and
+// must outlive every dialog made from it; a later call replaces it.
+void RegisterDialogTemplates(const DialogTemplateRecord* table, uint32_t count);
 
 #endif  // POSIX

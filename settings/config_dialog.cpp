@@ -27,21 +27,22 @@ constexpr UINT_PTR kStatusTimerId = 1;
 constexpr UINT kStatusTimerMilliseconds = 10;
 constexpr uint32_t kReadOutChars = 64;
 constexpr uint32_t kPathBound = 255;         // characters with the terminator
-constexpr DWORD kOpenFileNameBytes = 88;     // the record's size on the host's platform
+// The file dialog's record size: 88 bytes, the record as the host's 32-bit
+// platform has it. A 64-bit build must give its own, larger record's size,
+// or the dialog refuses the call and Select acts as cancelled.
+#ifdef _WIN64
+constexpr DWORD kOpenFileNameBytes = sizeof(OPENFILENAMEW);
+#else
+constexpr DWORD kOpenFileNameBytes = 88;
+#endif
 constexpr DWORD kOpenFileFlags = 0x10021004; // hide read-only, file must exist, no network button, show hidden
 
 static const WCHAR kVersionText[] = KELVANE_TEXT_OF(KELVANE_PRODUCT_VERSION);
 static const WCHAR kFileFilter[] = KELVANE_TEXT("Dynamic Link Library Files (*.dll)\0*.dll\0");
 static const WCHAR kFileTitle[] = KELVANE_TEXT("Select a Winamp output plugin");
 
-static const WCHAR* const kModeItems[kModeCount] = {
-    KELVANE_TEXT("Bypass"),
-    KELVANE_TEXT("Kelvane+C (3/1) = L,R,C,S"),
-    KELVANE_TEXT("Kelvane-AS (3/1) = L,R,C,S"),
-    KELVANE_TEXT("Kelvane-ASr (3/2) = L,R,C,SL,SR"),
-    KELVANE_TEXT("Kelvane Headphone (2/0) = L,R"),
-    KELVANE_TEXT("Kelvane Encode (2/0) = L,R"),
-};
+#define KELVANE_WIDE_MODE_ITEM(label) KELVANE_TEXT(label),
+static const WCHAR* const kModeItems[kModeCount] = {KELVANE_MODE_LABELS(KELVANE_WIDE_MODE_ITEM)};
 
 static const WCHAR* const kWordSizeItems[3] = {KELVANE_TEXT("16"), KELVANE_TEXT("24"), KELVANE_TEXT("32")};
 

@@ -1,50 +1,13 @@
 // The configuration dialog's template as data: the dialog's frame and its 48
-// controls in tab order. The POSIX dialog is built from this table at run
+// controls in tab order. The shell hands this table to the POSIX dialog at run
 // time and the Windows resource script is written from it, so the two
 // cannot drift apart.
 #pragma once
 
 #include <cstdint>
 
+#include "platform/dialog_template.h"
 #include "signal/processor.h"
-
-enum class ControlKind : uint32_t {
-    GroupBox,           // frame with a caption
-    StaticLeft,         // static text, left-aligned, WS_GROUP
-    StaticRight,        // static text, right-aligned, WS_GROUP
-    StaticImage,        // static bitmap, the picture of kLogoBitmapResource
-    EditReadOnly,       // read-only edit, border, tab stop, horizontal auto-scroll
-    ComboSorted,        // drop-down list, sorted, vertical scroll bar, tab stop
-    ComboUnsorted,      // drop-down list, unsorted, vertical scroll bar, tab stop
-    PushButton,
-    DefaultPushButton,
-    AutoCheckBox,
-    AutoCheckPushLike,  // auto check box in push-button form
-    TrackBar,           // msctls_trackbar32, TBS_BOTH | TBS_NOTICKS, tab stop
-};
-
-struct ControlRow {
-    int32_t id;             // -1 for a control that the logic never addresses
-    ControlKind kind;
-    const WideChar* text;   // null for none
-    int16_t x;              // dialog units
-    int16_t y;
-    int16_t width;
-    int16_t height;
-};
-
-struct DialogTemplateRecord {
-    uint16_t resourceId;
-    const WideChar* caption;
-    int16_t x;              // dialog units
-    int16_t y;
-    int16_t width;
-    int16_t height;
-    const WideChar* fontName;
-    int16_t fontPoints;
-    const ControlRow* controls;
-    uint32_t controlCount;
-};
 
 constexpr uint16_t kConfigDialogResource = 101;
 constexpr uint16_t kLogoBitmapResource = 102;  // 130 by 32 pixels, 256 colours

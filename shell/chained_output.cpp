@@ -79,7 +79,8 @@ int Write(char* buf, int len)
     // the buffer is dropped.
     const StreamWords& stream = ChainedOutput.Stream;
     uint32_t frames = (uint32_t(len) / stream.Stream_Channels) / (stream.Stream_Bits >> 3);
-    ConvertAndProcess(PluginEngine, ProcessorSettings, stream, reinterpret_cast<const uint8_t*>(buf), frames);
+    ConvertAndProcess(PluginEngine, ProcessorSettings, stream, reinterpret_cast<const uint8_t*>(buf), uint32_t(len),
+                      frames);
     // The count after processing: the convolver may hold frames back or
     // release them in lumps. A length of 0 is passed on as well.
     const uint32_t bytes = (stream.Output_Bits >> 3) * frames * 6;

@@ -27,7 +27,9 @@ static ConfigDialogContext DialogContext;
 static void Config(HWND hwndParent)
 {
     DialogContext = {&ProcessorSettings, &ChainedOutput.Stream, &ChainedOutput.Reload_Needed, 0, 0};
-    // The dialog's own result is of no interest.
+    // Our templates, for a platform that has no resources of its own; the
+    // dialog's own result is of no interest.
+    RegisterDialogTemplates(&ConfigDialogTemplate, 1);
     DialogBoxParamW(OwnModule.hDllInstance, MAKEINTRESOURCEW(kConfigDialogResource), hwndParent,
                     &ConfigDialogProc, reinterpret_cast<LPARAM>(&DialogContext));
 }

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <limits>
 
+#include "hosts/render/engine_meter.h"
+
 void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames)
 {
     levels = ChannelLevels{};
@@ -204,4 +206,38 @@ std::string FormatDb(double db, int width)
     else
         std::snprintf(text, sizeof text, "%*.1f", width, db);
     return text;
+}
+
+void InitOverCounts(OverCounts& counts, uint32_t window_frames)
+{
+    counts = OverCounts{};
+    counts.window_frames = window_frames;
+}
+
+void AddProcessedFrame(OverCounts& counts, const float* frame, int bits)
+{
+    uint32_t* window = nullptr;
+    if (counts.window_frames != 0) {
+        if (counts.frames % counts.window_frames == 0)
+            counts.window_overs.resize(counts.window_overs.size() + 6, 0);
+        window = &counts.window_overs[counts.window_overs.size() - 6];
+    }
+    for (int c = 0; c < 6; ++c) {
+        const double magnitude = std::fabs(static_cast<double>(frame[c]));
+        if (magnitude > counts.peak[c] || std::isnan(magnitude))
+            counts.peak[c] = magnitude;
+        if (OverFullScale(frame[c], bits)) {
+            ++counts.overs[c];
+            if (window != nullptr)
+                ++window[c];
+        }
+    }
+    ++counts.frames;
+}
+
+double OutputLevelDb(double magnitude)
+{
+    // 0.85 as the conversion has it: 27852.80078125 / 32768, a little above.
+    constexpr double kOutputFactor = 27852.80078125 / 32768.0;
+    return LevelDb(magnitude * kOutputFactor);
 }

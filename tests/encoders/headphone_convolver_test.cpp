@@ -342,7 +342,7 @@ void WriteStream(const StreamWords& stream, const std::vector<int16_t>& pcm, Pat
         uint32_t count = std::min(kWriteSizes[w % std::size(kWriteSizes)], frames - done);
         const uint8_t* source = reinterpret_cast<const uint8_t*>(pcm.data() + done * stream.Stream_Channels);
         done += count;
-        ConvertAndProcess(TestEngine(), TestSettings(), stream, source, count);
+        ConvertWholeFrames(TestEngine(), TestSettings(), stream, source, count);
         const int32_t* out = reinterpret_cast<const int32_t*>(TestEngine().PcmBlock.data);
         for (uint32_t i = 0; i < count; ++i) {
             run.outL.push_back(double(out[6 * i]) / double(kOutputFullScale));

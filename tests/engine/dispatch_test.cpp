@@ -264,6 +264,43 @@ TEST_F(Dispatch, SurroundTrim_StoredTwoShowsFiveInModes01235AndThreeInMode4)
     }
 }
 
+TEST_F(Dispatch, SurroundTrim_OffsetWrapsAtTheTopOfTheWord)
+{
+    // The stored word plus 3 in 32-bit two's complement: 0x7FFFFFFD + 3 is
+    // 0x80000000, the most negative word.
+    const std::pair<int32_t, int32_t> cases[] = {
+        {0x7FFFFFFD, INT32_MIN}, {0x7FFFFFFE, INT32_MIN + 1}, {0x7FFFFFFF, INT32_MIN + 2}, {INT32_MIN, INT32_MIN + 3}};
+    for (const auto& [stored, expected] : cases) {
+        for (int32_t mode : {0, 1, 4}) {
+            SCOPED_TRACE(::testing::Message() << "stored " << stored << ", mode " << mode);
+            EngineReset(TestEngine());
+            FillSource(64, 2);
+            ProcessorBlock block = MakeBlock(mode, 2, kRawRate, 64);
+            block.Surround_Trim_00 = stored;
+            DispatchMode(TestEngine(), block);
+            EXPECT_EQ(block.Surround_Trim_00, mode == 4 ? 3 : expected);
+        }
+    }
+}
+
+TEST_F(Dispatch, SteeredDecoder_FirstWriteOfZeroFramesMakesNoArrays)
+{
+    // A fresh engine: the band arrays are not made yet, and a write of 0
+    // frames leaves them so and changes no memory.
+    Engine engine;
+    FillSource(64, 2);
+    for (int32_t mode : {2, 3}) {
+        ProcessorBlock block = MakeBlock(mode, 2, 44100, 0);
+        DispatchMode(engine, block);
+        EXPECT_EQ(block.Frames, 0u);
+        EXPECT_EQ(block.Out_Channels, 6);
+    }
+    EXPECT_EQ(engine.Steering.HighBand.data, nullptr);
+    EXPECT_EQ(engine.Steering.LowBand.data, nullptr);
+    EXPECT_EQ(engine.Steering.BandFilter[0].y1, 0.0f);
+    EXPECT_EQ(engine.Steering.SteerFilter[0].y1, 0.0f);
+}
+
 TEST_F(Dispatch, SurroundTrim_FixedDecoderSurroundGainIsTenToThePower0Point15)
 {
     // Input (1.0, -1.0): SL = SR = 0.707 x Gs, with the stored 0 reaching the
@@ -286,7 +323,7 @@ TEST_F(Dispatch, SurroundTrim_StoredValueStaysAndTheOffsetDoesNotAccumulate)
     const float expected = (1.0f * ((0.707f * 0.25f) + (-0.707f * -0.25f))) * Gain(5);
     for (int write = 0; write < 3; ++write) {
         uint32_t frames = 1;
-        ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
         ASSERT_EQ(frames, 1u);
         EXPECT_EQ(TestEngine().FrameBlock.data[4], expected) << "write " << write;
         EXPECT_EQ(TestEngine().FrameBlock.data[5], expected) << "write " << write;
@@ -319,7 +356,7 @@ TEST_F(Dispatch, SettingsWordsReachTheStagesThroughTheRecord)
     std::vector<uint8_t> source =
         Source16(count, 2, [](uint32_t, uint32_t k) { return int16_t(k == 0 ? 16384 : -8192); });
     uint32_t frames = count;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 32000, 16}, source.data(), frames);
     ASSERT_EQ(frames, count);
 
     // Matrix, then the switches and gains, in the order the decoder takes them.
@@ -372,7 +409,7 @@ TEST_F(Dispatch, CentreWidthAndVirtualCentreReachTheSteeredDecoder)
     SetSettings(3);
     TestSettings().Centre_Width = 100;
     uint32_t frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
     ASSERT_EQ(frames, 1u);
     EXPECT_NEAR(TestEngine().FrameBlock.data[0], 0.708 * l + 0.666666687 * craw, 1e-5);
     EXPECT_NEAR(TestEngine().FrameBlock.data[1], 0.708 * r + 0.666666687 * craw, 1e-5);
@@ -382,7 +419,7 @@ TEST_F(Dispatch, CentreWidthAndVirtualCentreReachTheSteeredDecoder)
     TestSettings().Centre_Width = 100;
     TestSettings().Virtual_C = 1;
     frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 22050, 16}, source.data(), frames);
     ASSERT_EQ(frames, 1u);
     EXPECT_NEAR(TestEngine().FrameBlock.data[0], 0.708 * l + 0.5 * craw, 1e-5);
     EXPECT_NEAR(TestEngine().FrameBlock.data[1], 0.708 * r + 0.5 * craw, 1e-5);
@@ -866,7 +903,7 @@ protected:
         std::vector<uint8_t> old =
             Source16(8192, 2, [](uint32_t i, uint32_t k) { return k == 0 ? OldLeft(i) : OldRight(i); });
         uint32_t frames = 8192;
-        ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, old.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, old.data(), frames);
         ASSERT_EQ(frames, 8192u);
     }
 
@@ -876,7 +913,7 @@ protected:
         std::vector<uint8_t> fresh =
             Source16(count, 2, [](uint32_t i, uint32_t k) { return k == 0 ? NewLeft(i) : NewRight(i); });
         uint32_t frames = count;
-        ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, fresh.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, fresh.data(), frames);
         return frames;
     }
 
@@ -961,7 +998,7 @@ TEST_F(DispatchTail, LeavingHeadphoneModeAddsTheFramesItHeldBack)
     auto held = [](uint32_t i, uint32_t k) { return int16_t(int((i * 7 + k * 13) % 400) * 50 - 10000); };
     std::vector<uint8_t> source = Source16(3000, 6, held);
     uint32_t frames = 3000;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 0u);
     ASSERT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 
@@ -970,7 +1007,7 @@ TEST_F(DispatchTail, LeavingHeadphoneModeAddsTheFramesItHeldBack)
     auto fresh = [](uint32_t i, uint32_t k) { return int16_t(int((i * 3 + k * 29) % 500) * 40 - 10000); };
     source = Source16(1152, 6, fresh);
     frames = 1152;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{6, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 4152u);
     EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
     for (uint32_t i = 0; i < 1152; ++i)
@@ -995,12 +1032,12 @@ TEST_F(DispatchTail, NoTailInMode4)
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = Source16(1152, 2, [](uint32_t i, uint32_t) { return int16_t(i); });
     uint32_t frames = 1152;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, kRawRate, 16}, source.data(), frames);
     EXPECT_EQ(frames, 1152u);
     EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 
     frames = 1152;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{1, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{1, 16, 44100, 16}, source.data(), frames);
     EXPECT_EQ(frames, 1152u);
     EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 }
@@ -1010,7 +1047,7 @@ TEST_F(DispatchTail, AfterFlushWithPending3000LeavingMode4AddsNothing)
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = Source16(3000, 2, [](uint32_t i, uint32_t k) { return int16_t(i * 5 + k); });
     uint32_t frames = 3000;
-    ConvertAndProcess(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), StreamWords{2, 16, 44100, 16}, source.data(), frames);
     ASSERT_EQ(frames, 0u);
     ASSERT_EQ(TestEngine().Headphone.Pending_Frames, 3000u);
 

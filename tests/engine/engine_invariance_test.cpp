@@ -45,7 +45,7 @@ std::vector<uint8_t> RunInWrites(const Case& c, const std::vector<uint8_t>& sour
     std::vector<uint8_t> out;
     for (uint32_t start = 0; start < c.frames; start += chunk) {
         uint32_t frames = std::min(chunk, c.frames - start);
-        ConvertAndProcess(TestEngine(), TestSettings(), stream, source.data() + start * inFrameBytes, frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), stream, source.data() + start * inFrameBytes, frames);
         const std::size_t bytes = std::size_t(c.outputBits / 8) * frames * 6;
         const uint8_t* pcm = reinterpret_cast<const uint8_t*>(TestEngine().PcmBlock.data);
         out.insert(out.end(), pcm, pcm + bytes);

@@ -14,6 +14,7 @@
 #include "signal/mode.h"
 #include "signal/processor.h"
 #include "tests/support/engine_settings.h"
+#include "tests/support/test_engine.h"
 #include "tests/support/moving_signal.h"
 
 namespace {
@@ -52,7 +53,7 @@ struct Player {
         const uint8_t* from = source.data() + std::size_t(at) * frameBytes;
         at += frames;
         ++write;
-        ConvertAndProcess(*engine, settings, run.stream, from, frames);
+        ConvertWholeFrames(*engine, settings, run.stream, from, frames);
         const std::size_t bytes = std::size_t(run.stream.Output_Bits / 8) * frames * 6;
         const auto* pcm = reinterpret_cast<const uint8_t*>(engine->PcmBlock.data);
         output.insert(output.end(), pcm, pcm + bytes);

@@ -42,6 +42,21 @@ StreamWords Stream(uint32_t channels, uint32_t bits, int32_t rate, uint32_t outp
 
 float FrameSlot(uint32_t frame, uint32_t slot) { return TestEngine().FrameBlock.data[frame * 6 + slot]; }
 
+// Frame i holds words 5i..5i+4 of the source, w(k) the value of word k, with
+// LFE silent: the four-channel source read by the five-channel pass.
+template <typename WordValue>
+void ExpectStrideOfFive(uint32_t frameCount, WordValue w)
+{
+    for (uint32_t i = 0; i < frameCount; ++i) {
+        EXPECT_EQ(FrameSlot(i, 0), w(5 * i)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 1), w(5 * i + 1)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 2), w(5 * i + 2)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 3), 0.0f) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 4), w(5 * i + 3)) << "frame " << i;
+        EXPECT_EQ(FrameSlot(i, 5), w(5 * i + 4)) << "frame " << i;
+    }
+}
+
 class PcmConversion : public ::testing::Test {
 protected:
     void SetUp() override
@@ -60,7 +75,7 @@ protected:
         std::memcpy(TestEngine().FrameBlock.data, floats.data(), floats.size() * sizeof(float));
         uint32_t frames = uint32_t(floats.size() / 6);
         const uint8_t unused[4] = {0x11, 0x22, 0x33, 0x44};
-        ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 12, kRawRate, outputBits), unused, frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 12, kRawRate, outputBits), unused, frames);
         return frames;
     }
 };
@@ -74,7 +89,7 @@ TEST_F(PcmConversion, Bypass16_Sample16384LeavesAs9845)
     Put16(source, 16384);
     Put16(source, 16384);
     uint32_t frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 1u);
     // 0.5 after the input scale, then 0.35350001 after the pass-through.
@@ -96,7 +111,7 @@ TEST_F(PcmConversion, Bypass16_FullScaleSamplesLeaveAs19691)
     }
     ASSERT_EQ(source.size(), 4608u);
     uint32_t frames = 1152;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 1152u);
     EXPECT_EQ(TestEngine().PcmBlock.size, 3457u);  // (2 x 1152 x 6) / 4 + 1
@@ -118,7 +133,7 @@ TEST_F(PcmConversion, Input8_ByteZeroIsSilenceAndOneIsAlmostFullNegative)
     SetSettings(kHeadphoneMode);
     std::vector<uint8_t> source = {0, 1, 128, 255, 2, 129};
     uint32_t frames = 3;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 8, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 8, kRawRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 3u);
     EXPECT_EQ(FrameSlot(0, 0), 0.0f);  // a byte of 0 is silence, not full negative scale
@@ -138,7 +153,7 @@ TEST_F(PcmConversion, Input24_BottomAndTopBytesGiveMinusOneAndJustBelowOne)
     std::vector<uint8_t> source = {0x00, 0x00, 0x80, 0xFF, 0xFF, 0x7F,
                                    0x00, 0x00, 0x40, 0x01, 0x00, 0x00};
     uint32_t frames = 2;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 24, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 24, kRawRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 2u);
     EXPECT_EQ(FrameSlot(0, 0), -1.0f);
@@ -160,7 +175,7 @@ TEST_F(PcmConversion, Input32_ExtremesBothReachFullScale)
     Put32(source, 1 << 30);
     Put32(source, 1);
     uint32_t frames = 2;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 32, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 32, kRawRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 2u);
     EXPECT_EQ(FrameSlot(0, 0), 1.0f);
@@ -178,7 +193,7 @@ TEST_F(PcmConversion, Input16_SamplesScaleByOneOver32768)
     Put16(source, 1);
     Put16(source, 32767);
     uint32_t frames = 2;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 2u);
     EXPECT_EQ(FrameSlot(0, 0), 0.5f);
@@ -231,7 +246,7 @@ void CheckChannelTable(uint32_t bits, uint32_t channels)
     EngineReset(TestEngine());
     SetSettings(kHeadphoneMode);
     uint32_t frames = frameCount;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(channels, bits, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(channels, bits, kRawRate, 16), source.data(), frames);
     ASSERT_EQ(frames, frameCount);
 
     // Slot of each source channel; -1 = written as 0.0.
@@ -290,7 +305,7 @@ TEST_F(PcmConversion, Mono_CopiedToLeftAndRightAtFullLevel)
     Put16(source, 16384);
     Put16(source, -8192);
     uint32_t frames = 2;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(1, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(1, 16, kPlainRate, 16), source.data(), frames);
 
     ASSERT_EQ(frames, 2u);
     // Each slot is the sample itself times the pass-through gain alone.
@@ -318,7 +333,7 @@ TEST_F(PcmConversion, ThreeChannels_SilentInEveryModeWithTheFrameCount)
                 EngineReset(TestEngine());
                 SetSettings(mode);
                 uint32_t frames = frameCount;
-                ConvertAndProcess(TestEngine(), TestSettings(), Stream(3, bits, rate, 16), source.data(), frames);
+                ConvertWholeFrames(TestEngine(), TestSettings(), Stream(3, bits, rate, 16), source.data(), frames);
                 ASSERT_EQ(frames, frameCount);
                 EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
                 for (uint32_t i = 0; i < frameCount; ++i)
@@ -339,7 +354,7 @@ TEST_F(PcmConversion, SevenChannels_SilentWithTheFrameCount)
             PutUnits(source, bits, 40);
         SetSettings(0);
         uint32_t frames = frameCount;
-        ConvertAndProcess(TestEngine(), TestSettings(), Stream(7, bits, kPlainRate, 16), source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(7, bits, kPlainRate, 16), source.data(), frames);
         ASSERT_EQ(frames, frameCount);
         for (uint32_t i = 0; i < frameCount; ++i)
             for (uint32_t s = 0; s < 6; ++s)
@@ -363,18 +378,11 @@ TEST_F(PcmConversion, RunOn32BitFourChannels_ReadsWithAStrideOfFive)
 
     SetSettings(kHeadphoneMode);
     uint32_t frames = frameCount;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(4, 32, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(4, 32, kRawRate, 16), source.data(), frames);
     ASSERT_EQ(frames, frameCount);
 
     auto w = [&](uint32_t k) { return k < frameCount * 4 ? float(k + 1) / 2048.0f : 0.0f; };
-    for (uint32_t i = 0; i < frameCount; ++i) {
-        EXPECT_EQ(FrameSlot(i, 0), w(5 * i)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 1), w(5 * i + 1)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 2), w(5 * i + 2)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 3), 0.0f) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 4), w(5 * i + 3)) << "frame " << i;
-        EXPECT_EQ(FrameSlot(i, 5), w(5 * i + 4)) << "frame " << i;
-    }
+    ExpectStrideOfFive(frameCount, w);
     // And so at the output: frame 1 starts with w5 = 6 / 2048.
     EXPECT_EQ(OutputSample(16, 1, 0), ExpectedWord(6.0f / 2048.0f, 16));
     EXPECT_EQ(OutputSample(16, 7, 0), 0);
@@ -394,13 +402,110 @@ TEST_F(PcmConversion, RunOn24BitFiveChannels_FramesReplacedByWhatLiesBehindTheSo
 
     SetSettings(kHeadphoneMode);
     uint32_t frames = frameCount;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(5, 24, kRawRate, 24), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(5, 24, kRawRate, 24), source.data(), frames);
     ASSERT_EQ(frames, frameCount);
     for (uint32_t i = 0; i < frameCount; ++i)
         for (uint32_t s = 0; s < 6; ++s) {
             EXPECT_EQ(FrameSlot(i, s), 0.0f) << "frame " << i << " slot " << s;
             EXPECT_EQ(OutputSample(24, i, s), 0) << "frame " << i << " slot " << s;
         }
+}
+
+TEST_F(PcmConversion, RunOn32BitFourChannels_ReadsThePartialFrameInsideTheBuffer)
+{
+    // Eight whole frames (words 0..31) and three words of a ninth frame in
+    // the host's buffer: 140 bytes, so the shell's count is 8 frames. The
+    // five-channel pass reads words 0..39: 32..34 are the partial frame's, as
+    // they are; 35..39 lie behind the buffer and read as 0.
+    const uint32_t frameCount = 8;
+    std::vector<uint8_t> source;
+    for (uint32_t k = 0; k < frameCount * 4 + 3; ++k)
+        Put32(source, int32_t((k + 1) << 20));
+    const uint32_t length = uint32_t(source.size());
+    ASSERT_EQ(length, 140u);
+    for (int i = 0; i < 64; ++i)
+        source.push_back(0x3C);  // behind the buffer: never read
+
+    SetSettings(kHeadphoneMode);
+    uint32_t frames = frameCount;
+    ConvertAndProcess(TestEngine(), TestSettings(), Stream(4, 32, kRawRate, 16), source.data(), length, frames);
+    ASSERT_EQ(frames, frameCount);
+
+    // w(k) = (k + 1) x 2^20 reads as (k + 1) / 2048 exactly.
+    auto w = [](uint32_t k) { return k < 35 ? float(k + 1) / 2048.0f : 0.0f; };
+    // Frame 6 holds words 30..34: two of the whole frames, three of the partial one.
+    EXPECT_EQ(FrameSlot(6, 0), 31.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(6, 1), 32.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(6, 2), 33.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(6, 4), 34.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(6, 5), 35.0f / 2048.0f);
+    ExpectStrideOfFive(frameCount, w);
+    // And at the output: frame 6 leaves with w30 = 31 / 2048 in its first slot.
+    EXPECT_EQ(OutputSample(16, 6, 0), ExpectedWord(31.0f / 2048.0f, 16));
+    EXPECT_EQ(OutputSample(16, 7, 0), 0);
+}
+
+TEST_F(PcmConversion, RunOn32BitFourChannels_AWordCutByTheBufferEndKeepsItsBytesInside)
+{
+    // One whole frame (words 0..3) and a word of which only two bytes are in
+    // the buffer (18 bytes): word 4 is read from 11 22 and two zero bytes,
+    // 0x2211, and words 5..9 lie behind the buffer.
+    std::vector<uint8_t> source;
+    for (uint32_t k = 0; k < 4; ++k)
+        Put32(source, int32_t((k + 1) << 20));
+    source.push_back(0x11);
+    source.push_back(0x22);
+    const uint32_t length = uint32_t(source.size());
+    source.push_back(0x33);  // behind the buffer: never read
+    source.push_back(0x44);
+
+    SetSettings(kHeadphoneMode);
+    uint32_t frames = 1;
+    ConvertAndProcess(TestEngine(), TestSettings(), Stream(4, 32, kRawRate, 16), source.data(), length, frames);
+    ASSERT_EQ(frames, 1u);
+    EXPECT_EQ(FrameSlot(0, 0), 1.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(0, 1), 2.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(0, 2), 3.0f / 2048.0f);
+    EXPECT_EQ(FrameSlot(0, 4), 4.0f / 2048.0f);
+    // 0x2211 = 8721, exact in a float, times 2^-31.
+    EXPECT_EQ(FrameSlot(0, 5), float(8721.0 / 2147483648.0));
+}
+
+TEST_F(PcmConversion, RunOn24BitFiveChannels_ReadsThePartialFrameInsideTheBuffer)
+{
+    // Six whole frames (90 bytes) and 14 bytes of a seventh in the host's
+    // buffer (104 bytes). The six-channel pass starts at byte 90: frame 0
+    // takes its samples from the partial frame's bytes, the fifth sample
+    // from two bytes inside and one behind, and everything after reads 0.
+    const uint32_t frameCount = 6;
+    std::vector<uint8_t> source;
+    for (uint32_t k = 0; k < frameCount * 5; ++k)
+        Put24(source, int32_t(k + 1) * 65536);
+    const uint8_t partial[14] = {0x10, 0x20, 0x30, 0x40, 0x50, 0x60, 0x70, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07};
+    source.insert(source.end(), partial, partial + 14);
+    const uint32_t length = uint32_t(source.size());
+    ASSERT_EQ(length, 104u);
+    for (uint32_t i = 0; i < 18 * frameCount + 16; ++i)
+        source.push_back(0x6B);  // behind the buffer: never read
+
+    SetSettings(kHeadphoneMode);
+    uint32_t frames = frameCount;
+    ConvertAndProcess(TestEngine(), TestSettings(), Stream(5, 24, kRawRate, 24), source.data(), length, frames);
+    ASSERT_EQ(frames, frameCount);
+
+    // Each sample is its three bytes as the top of a 32-bit word, over 2^31;
+    // every one of these words is exact in a float.
+    EXPECT_EQ(FrameSlot(0, 0), float(double(0x30201000) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 1), float(double(0x60504000) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 2), float(double(0x02017000) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 3), float(double(0x05040300) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 4), float(double(0x00070600) / 2147483648.0));
+    EXPECT_EQ(FrameSlot(0, 5), 0.0f);
+    for (uint32_t i = 1; i < frameCount; ++i)
+        for (uint32_t s = 0; s < 6; ++s)
+            EXPECT_EQ(FrameSlot(i, s), 0.0f) << "frame " << i << " slot " << s;
+    // At the output, 24 bits: 0x30201000 / 2^31 x 7130317, truncated.
+    EXPECT_EQ(OutputSample(24, 0, 0), int32_t(std::trunc(double(0x30201000) / 2147483648.0 * 7130317.0)));
 }
 
 // ---------------------------------------------------------------------------
@@ -458,7 +563,7 @@ TEST_F(PcmConversion, Reads_NeverLeaveTheHostBuffer)
                     std::exit(2);
                 SetSettings(kHeadphoneMode);
                 uint32_t frames = frameCount;
-                ConvertAndProcess(TestEngine(), TestSettings(), Stream(channels, bits, kRawRate, 16), source.data(), frames);
+                ConvertWholeFrames(TestEngine(), TestSettings(), Stream(channels, bits, kRawRate, 16), source.data(), frames);
                 if (frames != frameCount)
                     std::exit(3);
             }
@@ -480,7 +585,7 @@ TEST_F(PcmConversion, Output16_OneAndMinusOneLeaveAs27852AndMinus27852)
     Put32(source, 2147483647);
     Put32(source, std::numeric_limits<int32_t>::min());
     uint32_t frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 32, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 32, kRawRate, 16), source.data(), frames);
     ASSERT_EQ(frames, 1u);
     EXPECT_EQ(OutputSample(16, 0, 0), 27852);
     EXPECT_EQ(OutputSample(16, 0, 1), -27852);  // truncation toward zero on both sides
@@ -632,7 +737,7 @@ TEST_F(PcmConversion, ZeroFrames_ReadsNothingAndNIsOne)
     SetSettings(0);
     uint32_t frames = 0;
     // A null source: a block of 0 frames fetches nothing.
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), nullptr, frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), nullptr, frames);
     EXPECT_EQ(frames, 0u);
     EXPECT_EQ(TestEngine().PcmBlock.size, 1u);
     EXPECT_NE(TestEngine().PcmBlock.data, nullptr);
@@ -646,7 +751,7 @@ TEST_F(PcmConversion, ZeroFrames_DispatcherStillRuns)
     SetSettings(0);
     TestEngine().Headphone.Pending_Frames = 3000;
     uint32_t frames = 0;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), nullptr, frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), nullptr, frames);
     EXPECT_EQ(frames, 3000u);
     EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 0u);
     EXPECT_EQ(TestEngine().PcmBlock.size, (2u * 3000u * 6u) / 4u + 1u);
@@ -662,7 +767,7 @@ TEST_F(PcmConversion, TwelveBits_StaleFramesGoThroughTheDispatcherAgain)
     Put16(source, 32767);
     Put16(source, 0);
     uint32_t frames = 2;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
     ASSERT_EQ(frames, 2u);
     ASSERT_EQ(FrameSlot(0, 0), 0.5f);
 
@@ -671,7 +776,7 @@ TEST_F(PcmConversion, TwelveBits_StaleFramesGoThroughTheDispatcherAgain)
     SetSettings(0);
     std::vector<uint8_t> other(64, 0x77);
     frames = 2;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 12, kPlainRate, 16), other.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 12, kPlainRate, 16), other.data(), frames);
     ASSERT_EQ(frames, 2u);
     EXPECT_EQ(OutputSample(16, 0, 0), 9845);
     EXPECT_EQ(OutputSample(16, 0, 1), ExpectedWord(-0.25f * 0.707f, 16));
@@ -681,7 +786,7 @@ TEST_F(PcmConversion, TwelveBits_StaleFramesGoThroughTheDispatcherAgain)
 
     // A third 12-bit write runs the pass-through once more on what is there.
     frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 12, kPlainRate, 16), other.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 12, kPlainRate, 16), other.data(), frames);
     ASSERT_EQ(frames, 1u);
     EXPECT_EQ(FrameSlot(0, 0), (0.5f * 0.707f) * 0.707f);
     EXPECT_EQ(OutputSample(16, 0, 0), ExpectedWord((0.5f * 0.707f) * 0.707f, 16));
@@ -696,7 +801,7 @@ TEST_F(PcmConversion, OutputBits8_PcmBlockKeepsItsSizeAndBytes)
         Put16(source, int16_t(-700 * i));
     }
     uint32_t frames = 10;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
     ASSERT_EQ(frames, 10u);
     const float* data = TestEngine().PcmBlock.data;
     const uint32_t size = TestEngine().PcmBlock.size;
@@ -707,7 +812,7 @@ TEST_F(PcmConversion, OutputBits8_PcmBlockKeepsItsSizeAndBytes)
         SCOPED_TRACE(::testing::Message() << "Output_Bits " << outputBits);
         std::vector<uint8_t> other(4 * 40, 0x42);
         frames = 40;
-        ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, outputBits), other.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, outputBits), other.data(), frames);
         EXPECT_EQ(frames, 40u);
         EXPECT_EQ(TestEngine().PcmBlock.data, data);
         EXPECT_EQ(TestEngine().PcmBlock.size, size);
@@ -722,7 +827,7 @@ TEST_F(PcmConversion, OutputBits8_NoConversionEverRunLeavesANullPointer)
     SetSettings(0);
     std::vector<uint8_t> source(4 * 16, 0x10);
     uint32_t frames = 16;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 8), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 8), source.data(), frames);
     EXPECT_EQ(frames, 16u);
     EXPECT_EQ(TestEngine().PcmBlock.data, nullptr);
     EXPECT_EQ(TestEngine().PcmBlock.size, 0u);
@@ -736,7 +841,7 @@ TEST_F(PcmConversion, SpareBytes_FourAtTheEndAreNeverWritten)
     SetSettings(0);
     std::vector<uint8_t> big(4 * 64, 0x01);
     uint32_t frames = 64;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 32), big.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 32), big.data(), frames);
     ASSERT_GE(TestEngine().PcmBlock.capacity, 7u);
 
     struct Case {
@@ -755,7 +860,7 @@ TEST_F(PcmConversion, SpareBytes_FourAtTheEndAreNeverWritten)
             Put16(source, int16_t(-9000));
         }
         frames = c.frames;
-        ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, c.outputBits), source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, c.outputBits), source.data(), frames);
         ASSERT_EQ(frames, c.frames);
         EXPECT_EQ(TestEngine().PcmBlock.size, c.n);
         // Frame 0 left is written, so the mark is gone there.
@@ -777,18 +882,18 @@ TEST_F(PcmConversion, SettingChangedBetweenWritesShowsInTheNextWrite)
 
     SetSettings(0);
     uint32_t frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
     EXPECT_EQ(OutputSample(16, 0, 0), 9845);
 
     // Headphone mode at a rate out of range: the same sample without the 0.707.
     TestSettings().Mode = kHeadphoneMode;
     frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
     EXPECT_EQ(OutputSample(16, 0, 0), 13926);  // 0.5 x 27852.8 = 13926.4
 
     TestSettings().Mode = 0;
     frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kRawRate, 16), source.data(), frames);
     EXPECT_EQ(OutputSample(16, 0, 0), 9845);
 }
 
@@ -800,7 +905,7 @@ TEST_F(PcmConversion, OutputWordSizeComesFromTheStreamWordsNotTheSetting)
     Put16(source, 16384);
     Put16(source, 16384);
     uint32_t frames = 1;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
     EXPECT_EQ(TestEngine().PcmBlock.size, 4u);
     EXPECT_EQ(OutputSample(16, 0, 0), 9845);
 }
@@ -810,7 +915,7 @@ TEST_F(PcmConversion, FrameBlockIsAskedFor49152FloatsAtEveryWrite)
     SetSettings(0);
     std::vector<uint8_t> source(4 * 10, 0);
     uint32_t frames = 10;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
     EXPECT_EQ(TestEngine().FrameBlock.size, 49152u);
     EXPECT_GE(TestEngine().FrameBlock.capacity, 49152u);
 }
@@ -828,13 +933,13 @@ TEST_F(PcmConversion, Headphone_MostWritesReturnZeroFramesThenOneReturns8192)
     }
     for (int write = 0; write < 7; ++write) {
         uint32_t frames = 1152;
-        ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+        ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
         EXPECT_EQ(frames, 0u) << "write " << write;
         EXPECT_EQ(TestEngine().PcmBlock.size, 1u) << "write " << write;
         EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 1152u * uint32_t(write + 1)) << "write " << write;
     }
     uint32_t frames = 1152;
-    ConvertAndProcess(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
+    ConvertWholeFrames(TestEngine(), TestSettings(), Stream(2, 16, kPlainRate, 16), source.data(), frames);
     ASSERT_EQ(frames, 8192u);
     EXPECT_EQ(TestEngine().Headphone.Pending_Frames, 8u * 1152u - 8192u);
     EXPECT_EQ(TestEngine().PcmBlock.size, (2u * 8192u * 6u) / 4u + 1u);

@@ -132,7 +132,7 @@ TEST_F(DialogHost, SelectOwnLibrary_RefusedAndOutPlugKept)
         Press(IDOK),
     });
     EXPECT_TRUE(answer.taken);
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Cannot select Kelvane Processor as output plugin\n");
+    ExpectOneFailureBox("Cannot select Kelvane Processor as output plugin");
     EXPECT_EQ(shown, RECORDER_A_PATH);
     EXPECT_EQ(SavedValues().at("Out_Plug"), Quoted(RECORDER_A_PATH));
 }
@@ -141,9 +141,11 @@ TEST_F(DialogHost, SelectLibraryWithoutExport_RefusedAndReleased)
 {
     Start(RecorderSettings());
     PickFile(u"" NO_EXPORT_PATH);
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: File is not a valid Winamp output plugin\n");
+    ExpectOneFailureBox("File is not a valid Winamp output plugin");
     EXPECT_EQ(CallsOf("noexport", "load").size(), 1u);
     EXPECT_EQ(CallsOf("noexport", "unload").size(), 1u);
+    EXPECT_EQ(Probe().libraryLoads, 1u);
+    EXPECT_EQ(Probe().libraryReleases, 1u);
     EXPECT_EQ(SavedValues().at("Out_Plug"), Quoted(RECORDER_A_PATH));
 }
 
@@ -154,16 +156,18 @@ TEST_F(DialogHost, ConfigureLibraryWithoutExport_RefusedAndNotReleased)
         Press(1030),
         Press(IDCANCEL),
     });
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: File is not a valid Winamp output plugin\n");
+    ExpectOneFailureBox("File is not a valid Winamp output plugin");
     EXPECT_EQ(CallsOf("noexport", "load").size(), 1u);
     EXPECT_TRUE(CallsOf("noexport", "unload").empty());
+    EXPECT_EQ(Probe().libraryLoads, 1u);
+    EXPECT_EQ(Probe().libraryReleases, 0u);
 }
 
 TEST_F(DialogHost, SelectFileThatIsNoLibrary_FailedToOpen)
 {
     Start(RecorderSettings());
     PickFile(u"" NOT_A_LIBRARY_PATH);
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Failed to open .dll file\n");
+    ExpectOneFailureBox("Failed to open .dll file");
     EXPECT_EQ(SavedValues().at("Out_Plug"), Quoted(RECORDER_A_PATH));
 }
 
@@ -235,7 +239,18 @@ TEST_F(DialogHost, ConfigureWithMissingLibrary_FailedToOpenOutputPlugin)
         Press(1030),
         Press(IDCANCEL),
     });
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Failed to open output plugin\n");
+    ExpectOneFailureBox("Failed to open output plugin");
+}
+
+TEST_F(DialogHost, ConfigureWithEmptyOutPlug_FailedToOpenOutputPlugin)
+{
+    Start({StringValue("Out_Plug", ""), DwordValue("Mode", 0)});
+    RunDialog({
+        Press(1030),
+        Press(IDCANCEL),
+    });
+    ExpectOneFailureBox("Failed to open output plugin");
+    EXPECT_EQ(Probe().libraryLoads, 0u);
 }
 
 TEST_F(DialogHost, TrackBarDrag_SettingAndReadOutFollowEveryMove)
@@ -630,7 +645,8 @@ TEST_F(DialogHost, CloseBox_ActsAsCancel)
     });
     EXPECT_EQ(mode, 2);
     EXPECT_EQ(delay, 10);
-    EXPECT_FALSE(fs::exists(RegFile().parent_path() / "Kelvane.reg.tmp"));
+    // Read back, never written: the folder holds the file and nothing else.
+    EXPECT_EQ(SettingsFolderNames(), std::vector<std::string>{"Kelvane.reg"});
 }
 
 TEST_F(DialogHost, CancelWithoutAnyKey_SetsTheDefaults)

@@ -10,6 +10,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -22,7 +24,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/platform.h"  // the emulated dialog's records and the message numbers
+#include "platform/posix/dialog_emulator.h"  // the emulated dialog's records, the probe, the message numbers
 #include "tests/shell/recording_log.h"
 #include "hosts/out_module_host.h"
 
@@ -119,6 +121,7 @@ protected:
         ::close(fd);
         RecordedCalls().clear();
         Replies() = RecorderReplies{};
+        Probe() = PlatformProbe{};
         window.proc = &HostProc;
     }
 
@@ -164,6 +167,16 @@ protected:
         return Quoted(name) + "=dword:" + hex;
     }
 
+    // The names in the settings file's folder, sorted.
+    std::vector<std::string> SettingsFolderNames() const
+    {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(RegFile().parent_path()))
+            names.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
     std::string ReadText(const fs::path& path) const
     {
         std::ifstream in(path, std::ios::binary);
@@ -172,14 +185,22 @@ protected:
         return text.str();
     }
 
-    // The value lines of the saved file, by name, as written (right of '=').
+    // The value lines of our key in the saved file, by name, as written
+    // (right of '=').
     std::map<std::string, std::string> SavedValues() const
     {
         std::map<std::string, std::string> values;
         std::istringstream in(ReadText(RegFile()));
         std::string line;
+        bool ours = false;
         while (std::getline(in, line)) {
-            if (line.size() < 3 || line[0] != '"')
+            if (!line.empty() && line[0] == '[') {
+                std::string folded = line;
+                for (char& c : folded)
+                    c = char(std::tolower(static_cast<unsigned char>(c)));
+                ours = folded == "[hkey_local_machine\\software\\morrowfen\\kelvane]";
+            }
+            if (!ours || line.size() < 3 || line[0] != '"')
                 continue;
             const size_t close = line.find("\"=");
             if (close == std::string::npos)
@@ -233,6 +254,26 @@ protected:
     {
         std::fflush(stderr);
         return ReadText(stderrFile);
+    }
+
+    // ---- What the platform saw: message boxes and library releases ----
+
+    static PlatformProbe& Probe() { return PlatformProbeRecord(); }
+
+    static constexpr uint32_t kWarningBox = 0x30;      // MB_OK | MB_ICONEXCLAMATION: every failure message
+    static constexpr uint32_t kInformationBox = 0x40;  // MB_OK | MB_ICONINFORMATION: About
+
+    // Exactly one message box so far, the failure message `text`: no owner,
+    // the plug-in's caption, an OK button and the exclamation icon, and on
+    // standard error the line "<caption>: <text>".
+    void ExpectOneFailureBox(const std::string& text) const
+    {
+        EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: " + text + "\n");
+        EXPECT_EQ(Probe().messageBoxes, 1u);
+        EXPECT_EQ(Probe().lastBoxType, kWarningBox);
+        EXPECT_EQ(Probe().lastBoxOwner, nullptr);
+        EXPECT_EQ(Narrow(Probe().lastBoxCaption), "Kelvane Processor 0.1.3a");
+        EXPECT_EQ(Narrow(Probe().lastBoxText), text);
     }
 
     // The bytes of the last chained Write of a recorder.

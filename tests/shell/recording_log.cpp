@@ -1,5 +1,21 @@
 #include "tests/shell/recording_log.h"
 
+#include <string_view>
+
+#include "platform/posix/dialog_emulator.h"
+
+// Found by the plug-in's services under this name, in the program's global
+// scope, which the libraries that the program links belong to.
+extern "C" {
+__attribute__((visibility("default"))) PlatformProbe PosixPlatformProbe = {};
+}
+static_assert(std::string_view(kPlatformProbeSymbol) == "PosixPlatformProbe");
+
+PlatformProbe& PlatformProbeRecord()
+{
+    return PosixPlatformProbe;
+}
+
 std::vector<RecordedCall>& RecordedCalls()
 {
     // Never destroyed: the recorders' unload reports come at process exit,

@@ -2,6 +2,8 @@
 // call a recording plug-in is given, with its arguments and the bytes of each
 // write, and the loads and unloads of the test libraries. It lives in a
 // library of its own, so that one log outlasts the plug-ins that come and go.
+// The same library holds the platform's probe, where the plug-in's POSIX
+// services record its message boxes and library releases.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +29,10 @@ struct RecorderReplies {
     int writtenTime = 0;
 };
 
+struct PlatformProbe;  // platform/posix/dialog_emulator.h
+
 std::vector<RecordedCall>& RecordedCalls();
+PlatformProbe& PlatformProbeRecord();
 RecorderReplies& Replies();
 void Record(const char* library, const char* function, std::vector<int64_t> args,
             const uint8_t* bytes = nullptr, size_t count = 0);

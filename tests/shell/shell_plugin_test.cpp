@@ -1,5 +1,12 @@
 // The record, the chained output and the host window hook, driven through the
 // record as the host drives it.
+#include <elf.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
 #include "tests/shell/plugin_host.h"
 
 namespace {
@@ -73,17 +80,49 @@ TEST_F(PluginHost, Record_SecondCallGivesSamePointerAndKeepsHostFields)
     EXPECT_EQ(second->id, 6546551);
 }
 
-TEST_F(PluginHost, Export_OnlyWinampGetOutModuleIsVisible)
+// The symbols that a library defines and exports, read from its dynamic
+// symbol table: every global or weak symbol with a section of its own and a
+// visibility that lets it out.
+static std::vector<std::string> DefinedDynamicSymbols(const char* path)
+{
+    std::ifstream in(path, std::ios::binary);
+    const std::vector<char> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<std::string> names;
+    if (file.size() < sizeof(Elf64_Ehdr))
+        return names;
+    Elf64_Ehdr header;
+    std::memcpy(&header, file.data(), sizeof header);
+    if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64)
+        return names;
+    std::vector<Elf64_Shdr> sections(header.e_shnum);
+    std::memcpy(sections.data(), file.data() + header.e_shoff, header.e_shnum * sizeof(Elf64_Shdr));
+    for (const Elf64_Shdr& section : sections) {
+        if (section.sh_type != SHT_DYNSYM)
+            continue;
+        const char* strings = file.data() + sections[section.sh_link].sh_offset;
+        const std::size_t count = section.sh_size / sizeof(Elf64_Sym);
+        for (std::size_t i = 0; i < count; ++i) {
+            Elf64_Sym symbol;
+            std::memcpy(&symbol, file.data() + section.sh_offset + i * sizeof(Elf64_Sym), sizeof symbol);
+            const unsigned binding = ELF64_ST_BIND(symbol.st_info);
+            const unsigned visibility = ELF64_ST_VISIBILITY(symbol.st_other);
+            if (symbol.st_shndx == SHN_UNDEF || (binding != STB_GLOBAL && binding != STB_WEAK) ||
+                (visibility != STV_DEFAULT && visibility != STV_PROTECTED))
+                continue;
+            names.push_back(std::string(strings + symbol.st_name) +
+                            (ELF64_ST_TYPE(symbol.st_info) == STT_FUNC ? " (function)" : " (data)"));
+        }
+    }
+    return names;
+}
+
+TEST_F(PluginHost, Export_WinampGetOutModuleIsTheOnlyDefinedSymbol)
 {
     Load();
     EXPECT_NE(dlsym(library, "winampGetOutModule"), nullptr);
-    // The shell's, the settings' and the engine's own routines stay hidden.
-    for (const char* name : {"_Z12LoadSettingsv", "_Z12SaveSettingsv", "_Z17LoadChainedOutputv",
-                             "_Z11EngineResetv", "_Z12DispatchModeR14ProcessorBlock", "ProcessorSettings",
-                             "_Z16ConfigDialogProcP6HWND__jmm", "OwnModule", "ChainedOutput",
-                             "_Z17ProcessorSettings", "_Z9OwnModule", "Reset_Pending"}) {
-        EXPECT_EQ(dlsym(library, name), nullptr) << name;
-    }
+    // The shell's, the settings' and the engine's own routines and data stay
+    // hidden: the library's dynamic symbol table defines one function only.
+    EXPECT_EQ(DefinedDynamicSymbols(KELVANE_PLUGIN_PATH), std::vector<std::string>{"winampGetOutModule (function)"});
 }
 
 TEST_F(PluginHost, SetVolumeAndSetPan_BeforeFirstOpen_CallNothing)
@@ -111,6 +150,11 @@ TEST_F(PluginHost, About_WorksWithoutInitChainedPluginOrPlayback)
     EXPECT_GT(split, 0u);
     EXPECT_LT(split + 3, body.size());
     EXPECT_TRUE(RecordedCalls().empty());
+    // Owned by the host's window, with an OK button and the information icon.
+    EXPECT_EQ(Probe().messageBoxes, 1u);
+    EXPECT_EQ(Probe().lastBoxType, kInformationBox);
+    EXPECT_EQ(Probe().lastBoxOwner, reinterpret_cast<HWND>(&window));
+    EXPECT_EQ(Narrow(Probe().lastBoxCaption), "About Kelvane Processor");
 }
 
 // ---- The lifecycle ----
@@ -165,7 +209,8 @@ TEST_F(PluginHost, Lifecycle_LoadInitOpenWriteForwardFlushCloseQuit)
 
     module->Quit();
     EXPECT_EQ(window.proc, &HostProc);
-    // Released: the recorder has left the process.
+    // Released once: the recorder has left the process.
+    EXPECT_EQ(Probe().libraryReleases, 1u);
     EXPECT_EQ(CallsOf("a", "unload").size(), 1u);
     // Never called on the chained plug-in.
     EXPECT_TRUE(CallsOf("a", "Init").empty());
@@ -243,7 +288,7 @@ TEST_F(PluginHost, Open_MissingLibrary_MessageAndMinusOne_LaterOpenRetries)
     const fs::path missing = root / "later" / "out_late.so";
     Start(RecorderSettings(0, 16, missing.c_str()));
     EXPECT_EQ(module->Open(44100, 2, 16, 0, 0), -1);
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Failed to open output plugin\n");
+    ExpectOneFailureBox("Failed to open output plugin");
     EXPECT_TRUE(RecordedCalls().empty());
     // SetVolume and SetPan stay guarded after the failed load.
     module->SetVolume(10);
@@ -256,7 +301,21 @@ TEST_F(PluginHost, Open_MissingLibrary_MessageAndMinusOne_LaterOpenRetries)
     EXPECT_EQ(module->Open(48000, 2, 16, 0, 0), 0);
     ASSERT_EQ(CallsOf("a", "Open").size(), 1u);
     EXPECT_EQ(CallsOf("a", "Open")[0].args[0], 48000);
-    EXPECT_EQ(Stderr(), "Kelvane Processor 0.1.3a: Failed to open output plugin\n");
+    ExpectOneFailureBox("Failed to open output plugin");
+}
+
+TEST_F(PluginHost, Open_EmptyOutPlug_LoadsNothing_MessageAndMinusOne)
+{
+    // No library has an empty name; the host program is not one either.
+    Start({StringValue("Out_Plug", ""), DwordValue("Mode", 0)});
+    EXPECT_EQ(module->Open(44100, 2, 16, 0, 0), -1);
+    ExpectOneFailureBox("Failed to open output plugin");
+    EXPECT_EQ(Probe().libraryLoads, 0u);
+    EXPECT_TRUE(RecordedCalls().empty());
+    // Still nothing at the next Open, and the same message again.
+    EXPECT_EQ(module->Open(44100, 2, 16, 0, 0), -1);
+    EXPECT_EQ(Probe().messageBoxes, 2u);
+    EXPECT_EQ(Probe().lastBoxType, kWarningBox);
 }
 
 TEST_F(PluginHost, Write_LengthSevenStereoSixteenBit_OneFrameRestDropped)
@@ -273,6 +332,37 @@ TEST_F(PluginHost, Write_LengthSevenStereoSixteenBit_OneFrameRestDropped)
     ASSERT_EQ(writes.size(), 1u);
     EXPECT_EQ(writes[0].args[0], 12);
     EXPECT_EQ(Words16(writes[0].bytes), (std::vector<int16_t>{9845, -19691, 0, 0, 0, 0}));
+}
+
+TEST_F(PluginHost, Write_ThirtyTwoBitFourChannelsWithPartialFrame_RunOnPassReadsItsBytes)
+{
+    // Two whole frames (words 0..7) and three words of a third: 44 bytes, two
+    // frames. The five-channel pass reads words 0..9, so frame 1 takes words
+    // 8 and 9 of the partial frame as SL and SR.
+    Start(RecorderSettings(0, 32));
+    ASSERT_EQ(module->Open(44100, 4, 32, 0, 0), 0);
+    std::vector<uint8_t> bytes;
+    for (uint32_t k = 0; k < 11; ++k) {
+        const uint32_t w = (k + 1) << 20;  // reads as (k + 1) / 2048 exactly
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes.push_back(uint8_t(w >> shift));
+    }
+    ASSERT_EQ(bytes.size(), 44u);
+    Write(bytes);
+    const auto writes = CallsOf("a", "Write");
+    ASSERT_EQ(writes.size(), 1u);
+    ASSERT_EQ(writes[0].args[0], 2 * 6 * 4);
+    // Bypass: times 0.707, then 0.85 of full scale, truncated.
+    auto word = [](uint32_t k) {
+        const float v = float(k + 1) / 2048.0f;
+        const float passed = v * 0.707f;
+        return int32_t(passed * 1825361152.0f);
+    };
+    const std::vector<int32_t> expected = {word(0), word(1), word(2), 0, word(3), word(4),
+                                           word(5), word(6), word(7), 0, word(8), word(9)};
+    std::vector<int32_t> got(12);
+    std::memcpy(got.data(), writes[0].bytes.data(), 48);
+    EXPECT_EQ(got, expected);
 }
 
 TEST_F(PluginHost, Write_HeadphoneHoldsFrames_ChainedWriteOfLengthZeroAndItsResult)
@@ -488,6 +578,8 @@ TEST_F(PluginHost, Quit_WithoutAnyLibrary_RestoresTheProcedure)
     ASSERT_NE(window.proc, &HostProc);
     module->Quit();
     EXPECT_EQ(window.proc, &HostProc);
+    // No library, so no FreeLibrary.
+    EXPECT_EQ(Probe().libraryReleases, 0u);
     EXPECT_TRUE(RecordedCalls().empty());
     EXPECT_EQ(SendCommand(kCommand, kStop), kHostReply);
 }
@@ -499,6 +591,7 @@ TEST_F(PluginHost, InitAfterQuit_StartsUnloadedAndLoadsAgain)
     module->Close();
     module->Quit();
     ASSERT_EQ(CallsOf("a", "unload").size(), 1u);
+    EXPECT_EQ(Probe().libraryReleases, 1u);
     module->Init();
     // Library 0: the guarded calls do nothing.
     module->SetVolume(1);
@@ -508,6 +601,7 @@ TEST_F(PluginHost, InitAfterQuit_StartsUnloadedAndLoadsAgain)
     EXPECT_EQ(CallsOf("a", "load").size(), 2u);
     EXPECT_EQ(CallsOf("a", "Open").size(), 2u);
     module->Quit();
+    EXPECT_EQ(Probe().libraryReleases, 2u);
     EXPECT_EQ(window.proc, &HostProc);
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "engine/engine.h"
+#include "engine/pcm_conversion.h"
 #include "signal/processor.h"
 
 inline Engine& TestEngine()
@@ -16,4 +17,13 @@ inline ProcessorSettingsRecord& TestSettings()
 {
     static ProcessorSettingsRecord settings{};
     return settings;
+}
+
+// One write whose buffer holds exactly `frames` whole frames, as a host
+// writes them: the conversion's run-on passes find nothing behind them.
+inline void ConvertWholeFrames(Engine& engine, const ProcessorSettingsRecord& settings, const StreamWords& stream,
+                               const uint8_t* source, uint32_t& frames)
+{
+    const uint32_t bytes = frames * stream.Stream_Channels * (stream.Stream_Bits / 8);
+    ConvertAndProcess(engine, settings, stream, source, bytes, frames);
 }

@@ -46,7 +46,7 @@ add_test(NAME wine.stop COMMAND bash ${kelvane_wine_run} stop ${kelvane_wine_sta
 set_tests_properties(wine.start PROPERTIES FIXTURES_SETUP kelvane_wine LABELS wine TIMEOUT 240)
 set_tests_properties(wine.stop PROPERTIES FIXTURES_CLEANUP kelvane_wine LABELS wine TIMEOUT 60)
 
-foreach(command record forward registry missing hook quit dialog)
+foreach(command record forward registry missing hook quit dialog select)
   add_test(NAME wine.${command}
     COMMAND bash ${kelvane_wine_run} exec ${kelvane_wine_state}
             ${kelvane_host} ${command} ${kelvane_plugin} ${kelvane_recorder}

@@ -110,7 +110,11 @@ WNDPROC CurrentProcedure(HWND window)
 struct SeenBox {
     std::wstring caption;
     std::wstring text;
+    UINT type;    // the type flags, as read back from the box's buttons and icon
+    HWND owner;
 };
+
+constexpr UINT kUnknownType = 0xFFFFFFFFu;  // buttons or icon of no MB_ type
 
 CRITICAL_SECTION BoxLock;
 std::vector<SeenBox> BoxesSeen;
@@ -141,6 +145,58 @@ BOOL CALLBACK CollectStatic(HWND child, LPARAM context)
     return TRUE;
 }
 
+// What a message box shows of its type: the ids of its buttons and its icon.
+struct BoxParts {
+    std::vector<int> buttons;
+    HICON icon;
+};
+
+BOOL CALLBACK CollectBoxParts(HWND child, LPARAM context)
+{
+    auto* parts = reinterpret_cast<BoxParts*>(context);
+    if (!IsWindowVisible(child))
+        return TRUE;
+    const std::wstring kind = ClassOf(child);
+    if (_wcsicmp(kind.c_str(), L"Button") == 0)
+        parts->buttons.push_back(GetDlgCtrlID(child));
+    else if (_wcsicmp(kind.c_str(), L"Static") == 0 && (GetWindowLongW(child, GWL_STYLE) & SS_TYPEMASK) == SS_ICON)
+        parts->icon = reinterpret_cast<HICON>(SendMessageW(child, STM_GETICON, 0, 0));
+    return TRUE;
+}
+
+// The type flags that a box was made with, told by its buttons (OK alone
+// for MB_OK, OK and Cancel for MB_OKCANCEL) and by which of the system's
+// icons it shows.
+UINT TypeOfBox(HWND window)
+{
+    BoxParts parts{{}, nullptr};
+    EnumChildWindows(window, &CollectBoxParts, reinterpret_cast<LPARAM>(&parts));
+    std::sort(parts.buttons.begin(), parts.buttons.end());
+    UINT type;
+    if (parts.buttons == std::vector<int>{IDOK})
+        type = MB_OK;
+    else if (parts.buttons == std::vector<int>{IDOK, IDCANCEL})
+        type = MB_OKCANCEL;
+    else
+        return kUnknownType;
+    if (parts.icon == nullptr)
+        return type;
+    // The system's icons by number (IDI_HAND to IDI_ASTERISK), which are
+    // shared: every load gives the handle that the box shows.
+    const struct {
+        WORD icon;
+        UINT flag;
+    } icons[] = {{32513, MB_ICONHAND}, {32514, MB_ICONQUESTION}, {32515, MB_ICONEXCLAMATION}, {32516, MB_ICONASTERISK}};
+    for (const auto& known : icons) {
+        if (parts.icon == LoadIconW(nullptr, MAKEINTRESOURCEW(known.icon)))
+            return type | known.flag;
+    }
+    return kUnknownType;
+}
+
+// The plug-in's file dialog, answered by the Select test itself.
+const wchar_t kFileDialogTitle[] = L"Select a Winamp output plugin";
+
 BOOL CALLBACK AnswerBox(HWND window, LPARAM)
 {
     DWORD process = 0;
@@ -150,9 +206,9 @@ BOOL CALLBACK AnswerBox(HWND window, LPARAM)
     const std::wstring caption = WindowText(window);
     // The dialog is driven by its own test; a window of this class without
     // a caption is none of the plug-in's message boxes, which all have one.
-    if (caption == L"Kelvane Processor Configuration" || caption.empty())
+    if (caption == L"Kelvane Processor Configuration" || caption == kFileDialogTitle || caption.empty())
         return TRUE;
-    SeenBox box{caption, L""};
+    SeenBox box{caption, L"", TypeOfBox(window), GetWindow(window, GW_OWNER)};
     EnumChildWindows(window, &CollectStatic, reinterpret_cast<LPARAM>(&box.text));
     EnterCriticalSection(&BoxLock);
     BoxesSeen.push_back(box);
@@ -388,6 +444,8 @@ void RecordFields(Host& host)
     Check(boxes.size() == 1, "about: one message box", std::to_string(boxes.size()) + " seen");
     if (!boxes.empty()) {
         CheckText(boxes[0].caption, L"About Kelvane Processor", "about: caption");
+        CheckEqual(boxes[0].type, 0x40u, "about: type MB_OK | MB_ICONINFORMATION");
+        Check(boxes[0].owner == host.window, "about: owned by the host's window");
         Check(boxes[0].text.find(L'\n') != std::wstring::npos && boxes[0].text.find(L"Copyright") != std::wstring::npos,
               "about: two lines, a web address and a copyright", Narrow(boxes[0].text));
     }
@@ -472,6 +530,8 @@ void Missing(Host& host)
     if (!boxes.empty()) {
         CheckText(boxes[0].caption, L"Kelvane Processor 0.1.3a", "missing: caption");
         CheckText(boxes[0].text, L"Failed to open output plugin", "missing: text");
+        CheckEqual(boxes[0].type, 0x30u, "missing: type MB_OK | MB_ICONEXCLAMATION");
+        Check(boxes[0].owner == nullptr, "missing: no owner");
     }
     host.module->Quit();
 
@@ -480,7 +540,7 @@ void Missing(Host& host)
     host.module->Init();
     CheckEqual(host.module->Open(44100, 2, 16, 500, 0), -1, "missing: the default out_ds.dll is not here");
     boxes = TakeBoxes();
-    Check(boxes.size() == 1 && boxes[0].text == L"Failed to open output plugin",
+    Check(boxes.size() == 1 && boxes[0].text == L"Failed to open output plugin" && boxes[0].type == 0x30u,
           "missing: the same message for the default");
     host.module->Quit();
 }
@@ -1109,10 +1169,82 @@ void Dialog(Host& host, const std::wstring& screenshot)
     host.module->Quit();
 }
 
+HWND WaitForWindow(const wchar_t* title)
+{
+    HWND window = nullptr;
+    for (int tries = 0; tries < 400 && window == nullptr; ++tries) {
+        Sleep(50);
+        window = FindWindowW(L"#32770", title);
+    }
+    return window;
+}
+
+struct SelectRun {
+    std::wstring picked;     // the file the user picks
+    bool dialogFound;
+    bool fileDialogFound;
+    std::wstring shownPath;  // the dialog's path box after the pick
+};
+
+// Select, as a user does it: the button, then the file dialog answered with
+// a file name, then OK.
+DWORD WINAPI DriveSelect(void* context)
+{
+    auto* run = static_cast<SelectRun*>(context);
+    HWND dialog = WaitForWindow(L"Kelvane Processor Configuration");
+    run->dialogFound = dialog != nullptr;
+    if (dialog == nullptr)
+        return 0;
+    Sleep(200);
+    // Posted: the button's handler runs the file dialog's own modal loop.
+    PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(1027, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(dialog, 1027)));
+    HWND files = WaitForWindow(kFileDialogTitle);
+    run->fileDialogFound = files != nullptr;
+    if (files != nullptr) {
+        Sleep(300);
+        // The file name box: cmb13 in the explorer-style dialog, edt1 in the old one.
+        SetDlgItemTextW(files, 0x47C, run->picked.c_str());
+        SetDlgItemTextW(files, 0x480, run->picked.c_str());
+        PostMessageW(files, WM_COMMAND, MAKEWPARAM(IDOK, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(files, IDOK)));
+        for (int tries = 0; tries < 200 && IsWindow(files); ++tries)
+            Sleep(50);
+        Sleep(300);
+    }
+    run->shownPath = WindowText(GetDlgItem(dialog, 1004));
+    PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(IDOK, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(dialog, IDOK)));
+    return 0;
+}
+
+void Select(Host& host)
+{
+    DeleteSettingsKey();
+    WriteSettings(kDialogSettings, host.recorderPath);
+    // Another output plug-in under a name of its own, so that the pick shows.
+    SelectRun run{host.workDir + L"\\out_picked.dll", false, false, L""};
+    Check(CopyFileW(host.recorderPath.c_str(), run.picked.c_str(), FALSE) != 0, "select: a second plug-in to pick");
+    host.module->Init();
+    HANDLE driver = CreateThread(nullptr, 0, &DriveSelect, &run, 0, nullptr);
+    host.module->Config(host.window);
+    WaitForSingleObject(driver, 60000);
+    Check(run.dialogFound, "select: Config shows the dialog");
+    Check(run.fileDialogFound, "select: Select opens the file dialog");
+    Check(_wcsicmp(run.shownPath.c_str(), run.picked.c_str()) == 0, "select: the picked path in the path box",
+          Narrow(run.shownPath));
+    wchar_t stored[512] = {};
+    DWORD bytes = sizeof stored;
+    HKEY key = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKeyPath, 0, KEY_QUERY_VALUE, &key) == ERROR_SUCCESS) {
+        RegQueryValueExW(key, L"Out_Plug", nullptr, nullptr, reinterpret_cast<BYTE*>(stored), &bytes);
+        RegCloseKey(key);
+    }
+    Check(_wcsicmp(stored, run.picked.c_str()) == 0, "select: OK stores the picked path", Narrow(stored));
+    host.module->Quit();
+}
+
 int Usage()
 {
     std::fprintf(stderr,
-                 "usage: kelvane-wine-host render|record|forward|registry|missing|hook|quit|dialog "
+                 "usage: kelvane-wine-host render|record|forward|registry|missing|hook|quit|dialog|select "
                  "PLUGIN.dll RECORDER.dll WORK_DIR\n");
     return 2;
 }
@@ -1156,6 +1288,8 @@ int main(int argc, char** argv)
             QuitRestores(host);
         else if (command == "dialog")
             Dialog(host, host.workDir + L"\\dialog.png");
+        else if (command == "select")
+            Select(host);
         else
             return Usage();
         if (command != "record" && command != "missing") {

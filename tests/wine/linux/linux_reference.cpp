@@ -58,7 +58,7 @@ std::vector<uint8_t> Render(const Scenario& s)
     size_t at = 0;
     for (uint32_t length : MakeWriteLengths(s)) {
         uint32_t frames = (length / stream.Stream_Channels) / (stream.Stream_Bits >> 3);
-        ConvertAndProcess(TestEngine(), TestSettings(), stream, input.data() + at, frames);
+        ConvertAndProcess(TestEngine(), TestSettings(), stream, input.data() + at, length, frames);
         const uint32_t bytes = (stream.Output_Bits >> 3) * frames * 6;
         const auto* pcm = reinterpret_cast<const uint8_t*>(TestEngine().PcmBlock.data);
         output.insert(output.end(), pcm, pcm + bytes);
