@@ -15,7 +15,6 @@ set(CPACK_PACKAGE_NAME out_kelvane)
 set(CPACK_PACKAGE_VENDOR ${KELVANE_MAKER})
 set(CPACK_PACKAGE_VERSION ${KELVANE_VERSION_TEXT})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${KELVANE_PRODUCT}: a surround processor as an output plug-in")
-set(CPACK_STRIP_FILES ON)
 set(CPACK_SOURCE_GENERATOR "")
 
 if(WIN32)
@@ -44,21 +43,28 @@ if(WIN32)
   set(CPACK_PACKAGE_FILE_NAME out_kelvane-${KELVANE_VERSION_TEXT}-windows)
   # No folder around the files: the archive unpacks straight into Plugins.
   set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF)
-  set(CPACK_INSTALL_CMAKE_PROJECTS
-    ${KELVANE_WIN32_BUILD_DIR} out_kelvane plugin /
-    ${KELVANE_WIN32_BUILD_DIR} out_kelvane guide /
-    ${KELVANE_WIN64_BUILD_DIR} out_kelvane plugin /x64)
-  # Read by cpack before it installs anything: says which build is missing.
+  set(KELVANE_PACKAGE_PARTS
+    "${KELVANE_WIN32_BUILD_DIR}|plugin|." "${KELVANE_WIN32_BUILD_DIR}|guide|." "${KELVANE_WIN64_BUILD_DIR}|plugin|x64")
   # Both builds lay out their folders alike.
   get_target_property(kelvane_dll_dir out_kelvane BINARY_DIR)
-  file(RELATIVE_PATH KELVANE_DLL_IN_BUILD ${CMAKE_BINARY_DIR} ${kelvane_dll_dir}/out_kelvane.dll)
-  configure_file(${CMAKE_CURRENT_LIST_DIR}/windows-package-check.cmake.in
-                 ${CMAKE_BINARY_DIR}/package/windows-package-check.cmake @ONLY)
-  set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_BINARY_DIR}/package/windows-package-check.cmake)
+  file(RELATIVE_PATH kelvane_dll ${CMAKE_BINARY_DIR} ${kelvane_dll_dir}/out_kelvane.dll)
+  set(KELVANE_PACKAGE_REQUIRED ${KELVANE_WIN32_BUILD_DIR}/${kelvane_dll} ${KELVANE_WIN64_BUILD_DIR}/${kelvane_dll})
+  set(KELVANE_PACKAGE_HOW_TO_BUILD
+      "The ZIP holds the 32-bit and the 64-bit DLL: build both (scripts/windows/build.sh, or the presets windows-i686 and windows-x86_64), then make it again.")
 else()
   set(CPACK_GENERATOR TGZ)
   string(TOLOWER "${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}" kelvane_package_system)
   set(CPACK_PACKAGE_FILE_NAME out_kelvane-${KELVANE_VERSION_TEXT}-${kelvane_package_system})
+  set(KELVANE_PACKAGE_PARTS "${CMAKE_BINARY_DIR}|all|.")
+  set(KELVANE_PACKAGE_REQUIRED "")
+  set(KELVANE_PACKAGE_HOW_TO_BUILD "Build this folder first.")
 endif()
+
+# cpack itself would build every folder that it installs; the script below
+# installs them as they are.
+set(CPACK_INSTALL_CMAKE_PROJECTS "")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/package-install.cmake.in ${CMAKE_BINARY_DIR}/package/package-install.cmake
+               @ONLY)
+set(CPACK_INSTALL_SCRIPTS ${CMAKE_BINARY_DIR}/package/package-install.cmake)
 
 include(CPack)

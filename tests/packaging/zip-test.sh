@@ -40,7 +40,7 @@ echo "in the ZIP:" $listed
 
 plugins=$work/Player/Plugins
 (cd "$plugins" && "$cmake" -E tar xf "$zip")
-[[ $(pe_machine "$plugins/out_kelvane.dll") == 14c ]] || fail "out_kelvane.dll at the top is not a 32-bit DLL"
+[[ $(pe_machine "$plugins/out_kelvane.dll") == 014c ]] || fail "out_kelvane.dll at the top is not a 32-bit DLL"
 [[ $(pe_machine "$plugins/x64/out_kelvane.dll") == 8664 ]] || fail "x64/out_kelvane.dll is not a 64-bit DLL"
 text=$plugins/out_kelvane.txt
 grep -q $'\r$' "$text" || fail "out_kelvane.txt does not have Windows line endings"
@@ -49,7 +49,8 @@ for word in Plugins out_kelvane.dll x64 Select Configure; do
 done
 
 # The player's sound device: our recorder, in the same folder as the DLL.
-cp "$recorder" "$plugins/$folder/out_recorder.dll"
-bash "$run_wine" exec "$wine_state" "$host" package \
-  "$plugins/$folder/out_kelvane.dll" "$plugins/$folder/out_recorder.dll" "$work/run"
+here=$plugins
+[[ $folder == . ]] || here=$plugins/$folder
+cp "$recorder" "$here/out_recorder.dll"
+bash "$run_wine" exec "$wine_state" "$host" package "$here/out_kelvane.dll" "$here/out_recorder.dll" "$work/run"
 rm -rf "$work"
