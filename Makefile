@@ -6,7 +6,8 @@ DEMO ?= demo
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build demo test test-linux test-windows windows-deps bench compare clean
+.PHONY: all deps configure build demo test test-linux test-windows windows-deps package package-linux \
+	package-windows bench compare clean
 
 all: build
 
@@ -36,6 +37,16 @@ windows-deps:
 
 test-windows: windows-deps
 	scripts/windows/build.sh --test
+
+# The packages: the Linux tarball in $(BUILD)/, and the Windows ZIP with both
+# DLLs in build-win32/.
+package: package-linux package-windows
+
+package-linux: build
+	cmake --build $(BUILD) --target package
+
+package-windows: windows-deps
+	scripts/windows/build.sh
 
 bench: build
 	$(BUILD)/bench/kelvane-bench
