@@ -6,7 +6,8 @@ DEMO ?= demo
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build demo test test-linux test-windows windows-deps bench clean
+.PHONY: all deps configure build demo test test-linux test-windows windows-deps bench clean \
+        asan-build test-asan fuzz fuzz-short tsan-build test-tsan
 
 all: build
 
@@ -37,8 +38,39 @@ windows-deps:
 test-windows: windows-deps
 	scripts/windows/build.sh --test
 
+# The sanitizer builds (CMakePresets.json): asan is AddressSanitizer with
+# UndefinedBehaviorSanitizer, and holds the fuzzers; tsan runs the tests that
+# put the dialog thread beside the write path.
+asan-build: deps
+	cmake --preset asan
+	cmake --build --preset asan
+
+# The whole suite under asan, but for the renderer's tests (label render):
+# they are end-to-end runs of minutes of audio that the normal build already
+# runs, and they would take the most of CI's time a second time. Tests that
+# cannot run under the sanitizers at all carry the label no-asan, which the
+# preset leaves out.
+test-asan: asan-build
+	ctest --preset asan -LE '^(no-asan|render)$$'
+
+# The fuzzers, FUZZ_SECONDS each (make fuzz FUZZ_SECONDS=1800); fuzz-short is
+# CI's two minutes each.
+FUZZ_SECONDS ?= 120
+fuzz: asan-build
+	scripts/run-fuzzers.sh build-asan $(FUZZ_SECONDS)
+
+fuzz-short: asan-build
+	scripts/run-fuzzers.sh build-asan 120
+
+tsan-build: deps
+	cmake --preset tsan
+	cmake --build --preset tsan
+
+test-tsan: tsan-build
+	ctest --preset tsan
+
 bench: build
 	$(BUILD)/bench/kelvane-bench
 
 clean:
-	rm -rf $(BUILD) build-win32 build-win64 $(DEMO)
+	rm -rf $(BUILD) build-win32 build-win64 build-asan build-tsan $(DEMO)

@@ -1,0 +1,25 @@
+// What the fuzzers' chained output plug-ins report to the program that drives
+// the plug-in: the calls they were given and the bytes that reached them. The
+// record lives in the driving program, which exports it; the chained
+// libraries find it by name when they are loaded.
+#pragma once
+
+#include <cstdint>
+
+struct ChainedTally {
+    // Answers of the chained plug-in, set by the driver before each call.
+    int32_t openResult;
+    int32_t writeResult;
+    // What was seen, per library (0 for "a", 1 for "b").
+    uint32_t opens[2];
+    uint32_t writes[2];
+    uint64_t bytesWritten[2];   // sum of the lengths of all writes
+    int32_t lastOpenRate;
+    int32_t lastOpenChannels;
+    int32_t lastOpenBits;
+    int32_t lastWriteLength;    // -1 until a write comes
+    uint32_t checksum;          // every byte written is read into this
+};
+
+// Defined by the driving program, with C linkage, exported from it.
+extern "C" ChainedTally* KelvaneFuzzTally();
