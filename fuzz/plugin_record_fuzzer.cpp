@@ -37,7 +37,7 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/chained_tally.h"
+#include "tools/counting_output.h"
 #include "platform/posix/dialog_emulator.h"
 #include "settings/control_table.h"
 #include "shell/chained_output.h"
@@ -46,7 +46,7 @@ extern "C" Out_Module* winampGetOutModule();
 
 namespace {
 
-ChainedTally Tally;
+CountingTally Tally;
 
 // The probe of the POSIX platform: message boxes and library loads.
 PlatformProbe* Probe()
@@ -521,7 +521,7 @@ std::string MakeFolder(const std::string& base)
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) ChainedTally* KelvaneFuzzTally()
+extern "C" __attribute__((visibility("default"))) CountingTally* KelvaneCountingTally()
 {
     return &Tally;
 }

@@ -1,9 +1,9 @@
-// A chained output plug-in for the fuzzers: it plays nothing, answers as the
-// driver tells it, and counts what reaches it. Every byte of every write is
-// read, so that a length that runs past the plug-in's output block shows up
-// under AddressSanitizer here, in the chained plug-in, where a real output
-// would read it.
-#include "fuzz/chained_tally.h"
+// A chained output plug-in for the fuzzer and the soak: it plays nothing,
+// answers as the driver tells it, and counts what reaches it. Every byte of
+// every write is read, so that a length that runs past the plug-in's output
+// block shows up under AddressSanitizer here, in the chained plug-in, where
+// a real output would read it.
+#include "tools/counting_output.h"
 #include "hosts/out_module_host.h"
 
 #ifndef COUNTER_INDEX
@@ -16,7 +16,7 @@ host::Out_Module Module;
 
 int Open(int samplerate, int numchannels, int bitspersamp, int, int)
 {
-    ChainedTally& tally = *KelvaneFuzzTally();
+    CountingTally& tally = *KelvaneCountingTally();
     ++tally.opens[COUNTER_INDEX];
     tally.lastOpenRate = samplerate;
     tally.lastOpenChannels = numchannels;
@@ -26,7 +26,7 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
 
 int Write(char* buf, int len)
 {
-    ChainedTally& tally = *KelvaneFuzzTally();
+    CountingTally& tally = *KelvaneCountingTally();
     ++tally.writes[COUNTER_INDEX];
     tally.bytesWritten[COUNTER_INDEX] += uint64_t(len < 0 ? 0 : len);
     tally.lastWriteLength = len;
@@ -47,7 +47,7 @@ int ZeroInt(int) { return 0; }
 extern "C" __attribute__((visibility("default"))) host::Out_Module* winampGetOutModule()
 {
     Module.version = host::kOutModuleVersion;
-    Module.description = "Fuzzing output";
+    Module.description = "Counting output";
     Module.id = 7000 + COUNTER_INDEX;
     Module.Config = &NothingWindow;
     Module.About = &NothingWindow;

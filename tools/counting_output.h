@@ -1,12 +1,13 @@
-// What the fuzzers' chained output plug-ins report to the program that drives
-// the plug-in: the calls they were given and the bytes that reached them. The
-// record lives in the driving program, which exports it; the chained
-// libraries find it by name when they are loaded.
+// The counting output plug-in that the fuzzer and the soak chain the plug-in
+// to: what it reports to the program that drives the plug-in, the calls it
+// was given and the bytes that reached it. The record lives in the driving
+// program, which exports it; the chained library finds it by name when it
+// is loaded.
 #pragma once
 
 #include <cstdint>
 
-struct ChainedTally {
+struct CountingTally {
     // Answers of the chained plug-in, set by the driver before each call.
     int32_t openResult;
     int32_t writeResult;
@@ -22,4 +23,4 @@ struct ChainedTally {
 };
 
 // Defined by the driving program, with C linkage, exported from it.
-extern "C" ChainedTally* KelvaneFuzzTally();
+extern "C" CountingTally* KelvaneCountingTally();
