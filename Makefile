@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 .PHONY: all deps configure build demo test test-linux test-windows windows-deps bench clean \
-        asan-build test-asan fuzz fuzz-short tsan-build test-tsan
+        asan-build test-asan fuzz fuzz-short tsan-build test-tsan valgrind
 
 all: build
 
@@ -68,6 +68,11 @@ tsan-build: deps
 
 test-tsan: tsan-build
 	ctest --preset tsan
+
+# valgrind memcheck over one test binary of each unit of the normal build
+# (some minutes; not part of `make test`).
+valgrind: build
+	scripts/valgrind-memcheck.sh $(BUILD)
 
 bench: build
 	$(BUILD)/bench/kelvane-bench
