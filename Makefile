@@ -66,8 +66,11 @@ tsan-build: deps
 	cmake --preset tsan
 	cmake --build --preset tsan
 
+# The plug-in's tests catch standard error, so the reports go to files of
+# their own, shown when a test fails.
 test-tsan: tsan-build
-	ctest --preset tsan
+	rm -f build-tsan/tsan-report.*
+	ctest --preset tsan || { cat build-tsan/tsan-report.* 2>/dev/null; exit 1; }
 
 # valgrind memcheck over one test binary of each unit of the normal build
 # (some minutes; not part of `make test`).
