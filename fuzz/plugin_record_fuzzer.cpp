@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "tools/counting_output.h"
+#include "fuzz/fuzz_check.h"
 #include "platform/posix/dialog_emulator.h"
 #include "settings/control_table.h"
 #include "shell/chained_output.h"
@@ -53,14 +54,6 @@ PlatformProbe* Probe()
 {
     return static_cast<PlatformProbe*>(dlsym(RTLD_DEFAULT, kPlatformProbeSymbol));
 }
-
-#define FUZZ_CHECK(condition, what)                                                          \
-    do {                                                                                     \
-        if (!(condition)) {                                                                  \
-            std::fprintf(stderr, "plugin_record_fuzzer: %s (%s:%d)\n", what, __FILE__, __LINE__); \
-            std::abort();                                                                    \
-        }                                                                                    \
-    } while (0)
 
 constexpr uint32_t kHostFrameLimit = 8192;   // frames in one write
 constexpr uint64_t kRingBudget = 1ull << 30;  // bytes both delay rings may ask for

@@ -23,20 +23,13 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_check.h"
 #include "platform/posix/reg_file.h"
 #include "platform/posix/wide_utf8.h"
 #include "settings/settings_store.h"
 #include "signal/processor.h"
 
 namespace {
-
-#define FUZZ_CHECK(condition, what)                                                          \
-    do {                                                                                     \
-        if (!(condition)) {                                                                  \
-            std::fprintf(stderr, "reg_file_fuzzer: %s (%s:%d)\n", what, __FILE__, __LINE__); \
-            std::abort();                                                                    \
-        }                                                                                    \
-    } while (0)
 
 const std::string kOurKey = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane";
 const std::string kOtherKey = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Elsewhere\\Other";

@@ -78,6 +78,17 @@ protected:
         return WriteRegKey(file, kKey, values, error);
     }
 
+    // A save of many values fails with this reason, and leaves the old
+    // file whole and nothing beside it.
+    void ExpectSaveRefused(const std::string& reason)
+    {
+        std::string error;
+        EXPECT_FALSE(SaveMany(error));
+        EXPECT_EQ(error, "cannot write " + file + ": " + reason);
+        EXPECT_EQ(Read(), kOldText);
+        EXPECT_EQ(FolderNames(), std::vector<std::string>{"Kelvane.reg"});
+    }
+
     fs::path root;
     fs::path disk;
     std::string file;
@@ -90,11 +101,7 @@ TEST_F(RegFileFaults, FullDisk_SaveFailsWithTheReasonAndTheOldFileStays)
     if (IsSkipped())
         return;
     scratch.Fill();
-    std::string error;
-    EXPECT_FALSE(SaveMany(error));
-    EXPECT_EQ(error, "cannot write " + file + ": No space left on device");
-    EXPECT_EQ(Read(), kOldText);
-    EXPECT_EQ(FolderNames(), std::vector<std::string>{"Kelvane.reg"});
+    ExpectSaveRefused("No space left on device");
 }
 
 TEST_F(RegFileFaults, ReadOnlyDisk_SaveFailsWithTheReasonAndTheOldFileStays)
@@ -105,11 +112,7 @@ TEST_F(RegFileFaults, ReadOnlyDisk_SaveFailsWithTheReasonAndTheOldFileStays)
     std::string why;
     if (!scratch.MakeReadOnly(why))
         GTEST_SKIP() << why;
-    std::string error;
-    EXPECT_FALSE(SaveMany(error));
-    EXPECT_EQ(error, "cannot write " + file + ": Read-only file system");
-    EXPECT_EQ(Read(), kOldText);
-    EXPECT_EQ(FolderNames(), std::vector<std::string>{"Kelvane.reg"});
+    ExpectSaveRefused("Read-only file system");
 }
 
 TEST_F(RegFileFaults, FolderInTheFilesPlace_SaveFailsWithTheReasonAndTheFolderStays)

@@ -6,7 +6,6 @@
 // none of the frames that the convolver holds back, which only a reset may
 // let go.
 #include <chrono>
-#include <cmath>
 
 #include "tests/shell/plugin_host.h"
 
@@ -17,17 +16,6 @@ constexpr int kBypass = 0;
 constexpr int kBlock = 8192;          // the convolver's block, in frames
 constexpr int kOutFrameBytes16 = 12;  // six channels of 16 bits
 
-// `frames` stereo frames of two tones, from frame `start` of the signal on.
-std::vector<uint8_t> Tones(int start, int frames)
-{
-    std::vector<int16_t> samples;
-    for (int n = start; n < start + frames; ++n) {
-        samples.push_back(int16_t(std::lround(10000.0 * std::sin(2.0 * M_PI * 500.0 * n / 44100.0))));
-        samples.push_back(int16_t(std::lround(6000.0 * std::sin(2.0 * M_PI * 1300.0 * n / 44100.0))));
-    }
-    return Bytes16(samples);
-}
-
 class ChainedFaults : public PluginHost {
 protected:
     // The bytes that the convolver lets out for the first 8192 frames of the
@@ -37,8 +25,8 @@ protected:
     {
         module->Flush(0);
         Replies().write = 0;
-        Write(Tones(0, 3000));
-        Write(Tones(3000, kBlock - 3000));
+        Write(TwoTones(0, 3000));
+        Write(TwoTones(3000, kBlock - 3000));
         return LastWrite(recorder);
     }
 };
@@ -48,15 +36,15 @@ TEST_F(ChainedFaults, WriteRefused_ResultBackAndTheBlockNotSentAgain)
     Start(RecorderSettings(kBypass, 16));
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
     Replies().write = 7;
-    EXPECT_EQ(Write(Tones(0, 1152)), 7);
+    EXPECT_EQ(Write(TwoTones(0, 1152)), 7);
     Replies().write = 0;
-    EXPECT_EQ(Write(Tones(1152, 1152)), 0);
+    EXPECT_EQ(Write(TwoTones(1152, 1152)), 0);
 
     // No queue and no retry: the second block goes on alone, the first is
     // gone from the plug-in's point of view.
     const auto writes = CallsOf("a", "Write");
     ASSERT_EQ(writes.size(), 2u);
-    EXPECT_EQ(writes[1].bytes, BypassOutput(Words16(Tones(1152, 1152)), 16));
+    EXPECT_EQ(writes[1].bytes, BypassOutput(Words16(TwoTones(1152, 1152)), 16));
 }
 
 TEST_F(ChainedFaults, WriteRefusedInHeadphone_HeldFramesStillComeOut)
@@ -64,10 +52,10 @@ TEST_F(ChainedFaults, WriteRefusedInHeadphone_HeldFramesStillComeOut)
     Start(RecorderSettings(kHeadphone, 16));
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
     Replies().write = -1;
-    EXPECT_EQ(Write(Tones(0, 3000)), -1);
+    EXPECT_EQ(Write(TwoTones(0, 3000)), -1);
     EXPECT_EQ(CallsOf("a", "Write").back().args[0], 0);
     Replies().write = 0;
-    EXPECT_EQ(Write(Tones(3000, kBlock - 3000)), 0);
+    EXPECT_EQ(Write(TwoTones(3000, kBlock - 3000)), 0);
     const std::vector<uint8_t> released = LastWrite();
     ASSERT_EQ(released.size(), size_t(kBlock * kOutFrameBytes16));
 
@@ -80,7 +68,7 @@ TEST_F(ChainedFaults, ChainedOpenFails_ResultBackAndHeldFramesKeptForTheNextStre
 {
     Start(RecorderSettings(kHeadphone, 16));
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(Tones(0, 3000));
+    Write(TwoTones(0, 3000));
     module->Close();
 
     Replies().open = -3;
@@ -88,7 +76,7 @@ TEST_F(ChainedFaults, ChainedOpenFails_ResultBackAndHeldFramesKeptForTheNextStre
     EXPECT_EQ(Stderr(), "");  // the plug-in tells of no chained failure
     Replies().open = 0;
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(Tones(3000, kBlock - 3000));
+    Write(TwoTones(3000, kBlock - 3000));
     const std::vector<uint8_t> released = LastWrite();
     ASSERT_EQ(released.size(), size_t(kBlock * kOutFrameBytes16));
     EXPECT_EQ(released, ReferenceBlock("a"));
@@ -100,7 +88,7 @@ TEST_F(ChainedFaults, NewLibraryGoneAtOpen_MessageMinusOneThenRetryLoadsItAndHel
 {
     Start(RecorderSettings(kHeadphone, 16));
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
-    Write(Tones(0, 3000));
+    Write(TwoTones(0, 3000));
     module->Close();
 
     // The user picks a new output, which is then taken away before the next
@@ -120,7 +108,7 @@ TEST_F(ChainedFaults, NewLibraryGoneAtOpen_MessageMinusOneThenRetryLoadsItAndHel
     fs::copy_file(RECORDER_B_PATH, chosen);
     ASSERT_EQ(module->Open(44100, 2, 16, 0, 0), 0);
     ASSERT_EQ(CallsOf("b", "Open").size(), 1u);
-    Write(Tones(3000, kBlock - 3000));
+    Write(TwoTones(3000, kBlock - 3000));
     const std::vector<uint8_t> released = LastWrite("b");
     ASSERT_EQ(released.size(), size_t(kBlock * kOutFrameBytes16));
     EXPECT_EQ(released, ReferenceBlock("b"));
@@ -156,7 +144,7 @@ TEST_F(ChainedFaults, SlowChainedPlugin_EveryCallWaitsForItsAnswerAndNothingIsLo
     std::vector<std::vector<uint8_t>> expected;
     for (int block = 0; block < 4; ++block) {
         int result = -1;
-        const std::vector<uint8_t> pcm = Tones(block * 576, 576);
+        const std::vector<uint8_t> pcm = TwoTones(block * 576, 576);
         EXPECT_GE(timed([&] { result = Write(pcm); }), kDelayMs);
         EXPECT_EQ(result, 2);
         expected.push_back(BypassOutput(Words16(pcm), 16));

@@ -6,7 +6,6 @@
 // alone. Under ThreadSanitizer (the tsan preset) a race on anything but the
 // shared words fails these tests.
 #include <atomic>
-#include <cmath>
 #include <thread>
 
 #include "settings/control_table.h"
@@ -18,18 +17,6 @@ constexpr uintptr_t kPlay = 40045;
 constexpr uintptr_t kStop = 40047;
 constexpr int kBlockFrames = 1152;
 constexpr int kOutFrameBytes16 = 12;  // six channels of 16 bits
-
-// A stereo block of two tones, one per channel, so that every decoder has a
-// difference and a sum to steer by.
-std::vector<uint8_t> StereoBlock(int start)
-{
-    std::vector<int16_t> samples;
-    for (int n = start; n < start + kBlockFrames; ++n) {
-        samples.push_back(int16_t(std::lround(9000.0 * std::sin(2.0 * M_PI * 440.0 * n / 44100.0))));
-        samples.push_back(int16_t(std::lround(7000.0 * std::sin(2.0 * M_PI * 660.0 * n / 44100.0))));
-    }
-    return Bytes16(samples);
-}
 
 class ThreadedHost : public PluginHost {
 protected:
@@ -44,7 +31,7 @@ protected:
                     return;
                 }
                 for (int w = 0; w < writesPerStream && !stop.load(); ++w) {
-                    std::vector<uint8_t> block = StereoBlock(w * kBlockFrames);
+                    std::vector<uint8_t> block = TwoTones(w * kBlockFrames, kBlockFrames);
                     if (module->Write(reinterpret_cast<char*>(block.data()), int(block.size())) != 0)
                         refusedWrites.fetch_add(1);
                     hostWrites.fetch_add(1);
