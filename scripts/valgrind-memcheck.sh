@@ -53,7 +53,7 @@ for run in "${runs[@]}"; do
   name="$(basename "$binary")"
   # shellcheck disable=SC2086
   if valgrind $extra --tool=memcheck --leak-check=full --show-leak-kinds=definite,indirect \
-       --errors-for-leak-kinds=definite,indirect --error-exitcode=99 --track-origins=yes \
+       --errors-for-leak-kinds=definite,indirect --error-exitcode=99 --track-origins=yes --num-callers=64 \
        --trace-children=no --suppressions="$here/sanitizers/valgrind.supp" \
        --log-file="$log/$name.%p.log" \
        "$build/tests/$binary" --gtest_filter="$filter" --gtest_brief=1 >"$log/$name.out" 2>&1; then
@@ -65,7 +65,7 @@ for run in "${runs[@]}"; do
   main="$(ls -t "$log/$name".*.log | tail -1)"
   errors="$(sed -n 's/.*ERROR SUMMARY: \(.*\) (suppressed.*/\1/p' "$main")"
   leaked="$(sed -n 's/.*definitely lost: //p' "$main")"
-  suppressed="$(sed -n 's/^==[0-9]*==    suppressed: //p' "$main")"
+  suppressed="$(sed -n 's/^==[0-9]*== *suppressed: //p' "$main")"
   printf '%-28s %-6s errors: %s; definitely lost: %s; suppressed (the design'"'"'s plans): %s\n' \
     "$name" "$result" "${errors:-?}" "${leaked:-0 bytes in 0 blocks}" "${suppressed:-0 bytes in 0 blocks}"
 done
