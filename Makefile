@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 .PHONY: all deps configure build demo test test-linux test-windows windows-deps package package-linux \
-	package-windows bench compare clean
+	package-windows bench compare clean asan-build test-asan fuzz fuzz-short tsan-build test-tsan valgrind
 
 all: build
 
@@ -48,6 +48,47 @@ package-linux: build
 package-windows: windows-deps
 	scripts/windows/build.sh
 
+# The sanitizer builds (CMakePresets.json): asan is AddressSanitizer with
+# UndefinedBehaviorSanitizer, and holds the fuzzers; tsan runs the tests that
+# put the dialog thread beside the write path.
+asan-build: deps
+	cmake --preset asan
+	cmake --build --preset asan
+
+# The whole suite under asan, but for the renderer's tests (label render):
+# they are end-to-end runs of minutes of audio that the normal build already
+# runs, and they would take the most of CI's time a second time. Tests that
+# cannot run under the sanitizers at all carry a label with no-asan in it,
+# which the preset leaves out.
+test-asan: asan-build
+	ctest --preset asan -LE 'no-asan|^render$$'
+
+# The fuzzers, FUZZ_SECONDS each (make fuzz FUZZ_SECONDS=1800); fuzz-short is
+# CI's two minutes each, both at once, one per core.
+FUZZ_SECONDS ?= 120
+fuzz: asan-build
+	scripts/run-fuzzers.sh build-asan $(FUZZ_SECONDS)
+
+fuzz-short: asan-build
+	scripts/run-fuzzers.sh build-asan 120 plugin_record_fuzzer & record=$$!; \
+	scripts/run-fuzzers.sh build-asan 120 reg_file_fuzzer; reader=$$?; \
+	wait $$record && exit $$reader
+
+tsan-build: deps
+	cmake --preset tsan
+	cmake --build --preset tsan
+
+# The plug-in's tests catch standard error, so the reports go to files of
+# their own, shown when a test fails.
+test-tsan: tsan-build
+	rm -f build-tsan/tsan-report.*
+	ctest --preset tsan || { cat build-tsan/tsan-report.* 2>/dev/null; exit 1; }
+
+# valgrind memcheck over one test binary of each unit of the normal build
+# (some minutes; not part of `make test`).
+valgrind: build
+	scripts/valgrind-memcheck.sh $(BUILD)
+
 bench: build
 	$(BUILD)/bench/kelvane-bench
 
@@ -57,4 +98,4 @@ compare: build
 	BUILD=$(abspath $(BUILD)) bench/compare.sh
 
 clean:
-	rm -rf $(BUILD) build-win32 build-win64 $(DEMO)
+	rm -rf $(BUILD) build-win32 build-win64 build-asan build-tsan $(DEMO)

@@ -42,6 +42,10 @@ void DelayRun(SampleBlock& line, uint32_t microseconds, const ProcessorBlock& bl
     // pass as they are.
     if (n == 0)
         return;
+    // A block of no frames moves no sample, and its array may not exist
+    // yet: no address is formed from it.
+    if (block.Frames == 0)
+        return;
 
     float* ring = line.data;
     uint32_t position = line.position;

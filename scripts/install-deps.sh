@@ -8,7 +8,10 @@ packages=(cmake g++ make pkg-config libfftw3-dev libgtest-dev libbenchmark-dev l
           libsoxr-dev libcairo2-dev zlib1g-dev
           # the LV2 bundle and the real hosts its tests run: lilv's tools, the
           # schema checker, and a PipeWire daemon with its command-line clients
-          lv2-dev liblilv-dev lilv-utils sordi pipewire pipewire-bin)
+          lv2-dev liblilv-dev lilv-utils sordi pipewire pipewire-bin
+          # the sanitizer builds and the fuzzers (clang with its run-time
+          # libraries, libFuzzer among them), and memcheck
+          clang libclang-rt-dev valgrind)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -89,6 +89,19 @@ inline std::vector<uint8_t> Bytes16(const std::vector<int16_t>& samples)
     return out;
 }
 
+// `frames` stereo frames of 16 bits from frame `start` of a signal of two
+// tones at 44100 Hz, one in each channel (500 Hz left, 1300 Hz right), so that
+// every decoder has a difference and a sum to steer by.
+inline std::vector<uint8_t> TwoTones(int start, int frames)
+{
+    std::vector<int16_t> samples;
+    for (int n = start; n < start + frames; ++n) {
+        samples.push_back(int16_t(std::lround(10000.0 * std::sin(2.0 * M_PI * 500.0 * n / 44100.0))));
+        samples.push_back(int16_t(std::lround(6000.0 * std::sin(2.0 * M_PI * 1300.0 * n / 44100.0))));
+    }
+    return Bytes16(samples);
+}
+
 inline std::vector<int16_t> Words16(const std::vector<uint8_t>& bytes)
 {
     std::vector<int16_t> out;

@@ -27,6 +27,7 @@ struct RecorderReplies {
     int pause = 0;
     int outputTime = 0;
     int writtenTime = 0;
+    int delayMs = 0;  // how long every call takes before it answers
 };
 
 struct PlatformProbe;  // platform/posix/dialog_emulator.h
