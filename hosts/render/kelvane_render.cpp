@@ -21,6 +21,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "engine/engine.h"
 #include "hosts/render/demo_scene.h"
 #include "hosts/render/fftw_wisdom_cache.h"
 #include "hosts/render/messages.h"
@@ -649,10 +650,23 @@ int ProcessesFor(const RenderOptions& options)
     return static_cast<int>(std::min<size_t>(static_cast<size_t>(options.jobs), options.inputs.size()));
 }
 
+// The FFT plans are measured once, here, before the processes start: each
+// process then finds the same wisdom and makes the same plans, so a file's
+// headphone render has the bits it gets from one process, and the planning
+// is paid once instead of once a process.
+void PlanBeforeTheProcesses()
+{
+    WisdomCache wisdom{WisdomCachePath(), {}};
+    LoadWisdomCache(wisdom);
+    { const Engine planner; }
+    SaveWisdomCache(wisdom);
+}
+
 // Every `processes`-th file to each process, without progress bars; the
 // first failure's status, or the interruption's.
 int RenderSideBySide(const RenderOptions& options, int processes)
 {
+    PlanBeforeTheProcesses();
     std::vector<pid_t> children;
     int status = 0;
     // An interruption reaches every process; each one cleans up after itself.
