@@ -6,8 +6,8 @@ DEMO ?= demo
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps configure build demo test test-linux test-windows windows-deps bench clean \
-        asan-build test-asan fuzz fuzz-short tsan-build test-tsan valgrind
+.PHONY: all deps configure build demo test test-linux test-windows windows-deps package package-linux \
+	package-windows bench compare clean asan-build test-asan fuzz fuzz-short tsan-build test-tsan valgrind
 
 all: build
 
@@ -38,6 +38,16 @@ windows-deps:
 test-windows: windows-deps
 	scripts/windows/build.sh --test
 
+# The packages: the Linux tarball in $(BUILD)/, and the Windows ZIP with both
+# DLLs in build-win32/.
+package: package-linux package-windows
+
+package-linux: build
+	cmake --build $(BUILD) --target package
+
+package-windows: windows-deps
+	scripts/windows/build.sh
+
 # The sanitizer builds (CMakePresets.json): asan is AddressSanitizer with
 # UndefinedBehaviorSanitizer, and holds the fuzzers; tsan runs the tests that
 # put the dialog thread beside the write path.
@@ -54,13 +64,15 @@ test-asan: asan-build
 	ctest --preset asan -LE 'no-asan|^render$$'
 
 # The fuzzers, FUZZ_SECONDS each (make fuzz FUZZ_SECONDS=1800); fuzz-short is
-# CI's two minutes each.
+# CI's two minutes each, both at once, one per core.
 FUZZ_SECONDS ?= 120
 fuzz: asan-build
 	scripts/run-fuzzers.sh build-asan $(FUZZ_SECONDS)
 
 fuzz-short: asan-build
-	scripts/run-fuzzers.sh build-asan 120
+	scripts/run-fuzzers.sh build-asan 120 plugin_record_fuzzer & record=$$!; \
+	scripts/run-fuzzers.sh build-asan 120 reg_file_fuzzer; reader=$$?; \
+	wait $$record && exit $$reader
 
 tsan-build: deps
 	cmake --preset tsan
@@ -79,6 +91,11 @@ valgrind: build
 
 bench: build
 	$(BUILD)/bench/kelvane-bench
+
+# Whole processes against ffmpeg and sox on the same files; the table in
+# README.md comes from here.
+compare: build
+	BUILD=$(abspath $(BUILD)) bench/compare.sh
 
 clean:
 	rm -rf $(BUILD) build-win32 build-win64 build-asan build-tsan $(DEMO)

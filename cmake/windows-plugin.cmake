@@ -39,4 +39,5 @@ endif()
 # into this one.
 if(TARGET out_kelvane)
   include(${CMAKE_SOURCE_DIR}/tests/wine/wine-tests.cmake)
+  include(${CMAKE_SOURCE_DIR}/tests/packaging/windows-package-tests.cmake)
 endif()

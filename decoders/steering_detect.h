@@ -33,3 +33,8 @@ void BandSplit(SteeringState& steering, ProcessorBlock& block);
 // two arrays in place with the 7.95 Hz low-pass.
 void SteeringDetect(const ProcessorBlock& block, const float* band, FilterState& xState,
                     FilterState& yState, float* x, float* y);
+
+// Both bands at once, as SteeringDetect on the high band with SteerFilter[0]
+// and [1] and on the low band with [2] and [3] gives them: all four
+// arrays detected, then the four smoothers side by side.
+void SteeringDetectBands(SteeringState& steering, const ProcessorBlock& block);

@@ -72,10 +72,40 @@ void Collect(HeadphoneConvolver& convolver, const ProcessorBlock& block, const f
             inputs[s][m] = float(switches[s]) * f[kRoutes[s].slot];
 }
 
-// Plain complex product of a spectrum with a table's spectrum, all bins.
+// Four floats, or two complex bins, side by side in the vector unit; every
+// lane keeps the operations of the scalar form in their order.
+typedef float Floats __attribute__((vector_size(16)));
+
+inline Floats LoadFloats(const float* p)
+{
+    Floats v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+inline void StoreFloats(float* p, Floats v)
+{
+    std::memcpy(p, &v, sizeof v);
+}
+
+// Plain complex product of a spectrum with a table's spectrum, all bins:
+// re = xr ar - xi ai, im = xr ai + xi ar.
 void MultiplySpectra(const float* x, const float* a, float* out)
 {
-    for (uint32_t k = 0; k < kSpectrumFloats; k += 2) {
+    uint32_t k = 0;
+    for (; k + 8 <= kSpectrumFloats; k += 8) {
+        const Floats x0 = LoadFloats(x + k), x1 = LoadFloats(x + k + 4);
+        const Floats a0 = LoadFloats(a + k), a1 = LoadFloats(a + k + 4);
+        const Floats xr = __builtin_shufflevector(x0, x1, 0, 2, 4, 6);
+        const Floats xi = __builtin_shufflevector(x0, x1, 1, 3, 5, 7);
+        const Floats ar = __builtin_shufflevector(a0, a1, 0, 2, 4, 6);
+        const Floats ai = __builtin_shufflevector(a0, a1, 1, 3, 5, 7);
+        const Floats re = xr * ar - xi * ai;
+        const Floats im = xr * ai + xi * ar;
+        StoreFloats(out + k, __builtin_shufflevector(re, im, 0, 4, 1, 5));
+        StoreFloats(out + k + 4, __builtin_shufflevector(re, im, 2, 6, 3, 7));
+    }
+    for (; k < kSpectrumFloats; k += 2) {
         const float re = x[k] * a[k] - x[k + 1] * a[k + 1];
         const float im = x[k] * a[k + 1] + x[k + 1] * a[k];
         out[k] = re;
@@ -106,16 +136,31 @@ void ConvolveBlock(HeadphoneConvolver& convolver, float* ears)
     for (int p = 0; p < kProducts; ++p)
         P[p] = convolver.ProductBlock[p].data;
     float* overlap = convolver.OverlapBlock.data;
-    for (uint32_t i = 0; i < kBlockFrames; ++i) {
+    // Four frames at a time. Left ear: products 0, 3, 4, 6, 9. Right ear: 1,
+    // 2, 5, 7, 8. The sum is scaled once, after its five terms.
+    for (uint32_t i = 0; i < kBlockFrames; i += 4) {
         const uint32_t j = i + kBlockFrames;
-        // Left ear: products 0, 3, 4, 6, 9. Right ear: 1, 2, 5, 7, 8. The sum
-        // is scaled once, after its five terms.
-        ears[2 * i] = (P[0][i] + P[3][i] + P[4][i] + P[6][i] + P[9][i]) * kOverlapScale +
-                      ears[2 * i] + overlap[2 * i];
-        ears[2 * i + 1] = (P[1][i] + P[2][i] + P[5][i] + P[7][i] + P[8][i]) * kOverlapScale +
-                          ears[2 * i + 1] + overlap[2 * i + 1];
-        overlap[2 * i] = (P[0][j] + P[3][j] + P[4][j] + P[6][j] + P[9][j]) * kOverlapScale;
-        overlap[2 * i + 1] = (P[1][j] + P[2][j] + P[5][j] + P[7][j] + P[8][j]) * kOverlapScale;
+        const Floats left = ((((LoadFloats(P[0] + i) + LoadFloats(P[3] + i)) + LoadFloats(P[4] + i)) +
+                              LoadFloats(P[6] + i)) + LoadFloats(P[9] + i)) * kOverlapScale;
+        const Floats right = ((((LoadFloats(P[1] + i) + LoadFloats(P[2] + i)) + LoadFloats(P[5] + i)) +
+                               LoadFloats(P[7] + i)) + LoadFloats(P[8] + i)) * kOverlapScale;
+        const Floats tailLeft = ((((LoadFloats(P[0] + j) + LoadFloats(P[3] + j)) + LoadFloats(P[4] + j)) +
+                                  LoadFloats(P[6] + j)) + LoadFloats(P[9] + j)) * kOverlapScale;
+        const Floats tailRight = ((((LoadFloats(P[1] + j) + LoadFloats(P[2] + j)) + LoadFloats(P[5] + j)) +
+                                   LoadFloats(P[7] + j)) + LoadFloats(P[8] + j)) * kOverlapScale;
+        // Ears and overlap hold the two ears interleaved.
+        float* e = ears + 2 * i;
+        float* o = overlap + 2 * i;
+        const Floats e0 = LoadFloats(e), e1 = LoadFloats(e + 4);
+        const Floats o0 = LoadFloats(o), o1 = LoadFloats(o + 4);
+        const Floats earLeft = (left + __builtin_shufflevector(e0, e1, 0, 2, 4, 6)) +
+                               __builtin_shufflevector(o0, o1, 0, 2, 4, 6);
+        const Floats earRight = (right + __builtin_shufflevector(e0, e1, 1, 3, 5, 7)) +
+                                __builtin_shufflevector(o0, o1, 1, 3, 5, 7);
+        StoreFloats(e, __builtin_shufflevector(earLeft, earRight, 0, 4, 1, 5));
+        StoreFloats(e + 4, __builtin_shufflevector(earLeft, earRight, 2, 6, 3, 7));
+        StoreFloats(o, __builtin_shufflevector(tailLeft, tailRight, 0, 4, 1, 5));
+        StoreFloats(o + 4, __builtin_shufflevector(tailLeft, tailRight, 2, 6, 3, 7));
     }
 }
 

@@ -63,6 +63,26 @@ void DownmixSix(ProcessorBlock& block)
     }
 }
 
+namespace {
+
+// One sample through the four steps of the chain; moves the one memory.
+inline float PhaseChainStep(FilterState& m, float input)
+{
+    float s = input;
+    for (const float k : kChain) {
+        const float x = s;
+        const float y = k * (m.y2 + x) - m.x2;
+        s = y;
+        m.x2 = m.x1;
+        m.x1 = x;
+        m.y2 = m.y1;
+        m.y1 = y;
+    }
+    return s;
+}
+
+}  // namespace
+
 void SurroundPhaseChain(FilterState& memory, ProcessorBlock& block)
 {
     // Four steps of the form (k - z^-2) / (1 - k z^-2), all on one memory:
@@ -71,31 +91,29 @@ void SurroundPhaseChain(FilterState& memory, ProcessorBlock& block)
     // is the phase response of this encoder.
     FilterState m = memory;
     float* s = block.Block->data + kSlotLFE;
-    for (uint32_t i = 0; i < block.Frames; ++i, s += kFrameFloats) {
-        for (const float k : kChain) {
-            const float x = *s;
-            const float y = k * (m.y2 + x) - m.x2;
-            *s = y;
-            m.x2 = m.x1;
-            m.x1 = x;
-            m.y2 = m.y1;
-            m.y1 = y;
-        }
-    }
+    for (uint32_t i = 0; i < block.Frames; ++i, s += kFrameFloats)
+        *s = PhaseChainStep(m, *s);
     memory = m;
 }
 
 void EncodeMix(MatrixEncoderState& encoder, ProcessorBlock& block)
 {
-    float* frames = block.Block->data;
-    HighPass2(encoder.LfeHighPass, frames, kSlotLFE, kSurroundHighPass, kFrameFloats, block);
-    LowPass2(encoder.LfeLowPass, frames, kSlotLFE, kSurroundLowPass, kFrameFloats, block);
-    SurroundPhaseChain(encoder.LfeChain, block);
+    // High-pass, low-pass and chain on the surround sum, then the mix, all in
+    // one pass: each sample goes through the three in turn, every recursion
+    // with its own memory, so the values are those of three passes over the
+    // block, while the three recursions overlap in the processor.
+    const SectionCoefficients high = HighPassCoefficients(kSurroundHighPass, block.Sample_Rate);
+    const SectionCoefficients low = LowPassCoefficients(kSurroundLowPass, block.Sample_Rate);
+    FilterState highMemory = encoder.LfeHighPass;
+    FilterState lowMemory = encoder.LfeLowPass;
+    FilterState chainMemory = encoder.LfeChain;
 
-    float* f = frames;
+    float* f = block.Block->data;
     for (uint32_t i = 0; i < block.Frames; ++i, f += kFrameFloats) {
+        const float band = LowPassStep(low, lowMemory, HighPassStep(high, highMemory, f[kSlotLFE]));
+        const float shifted = PhaseChainStep(chainMemory, band);
         const float c = f[kSlotC] * kMixGain;
-        const float s = f[kSlotLFE] * kMixGain;
+        const float s = shifted * kMixGain;
         f[kSlotL] = (s + f[kSlotL]) + c;
         f[kSlotR] = (c - s) + f[kSlotR];
         f[kSlotC] = 0.0f;
@@ -103,4 +121,7 @@ void EncodeMix(MatrixEncoderState& encoder, ProcessorBlock& block)
         f[kSlotSL] = 0.0f;
         f[kSlotSR] = 0.0f;
     }
+    encoder.LfeHighPass = highMemory;
+    encoder.LfeLowPass = lowMemory;
+    encoder.LfeChain = chainMemory;
 }

@@ -29,9 +29,10 @@ void BassRedirect(BassRedirectState& bass, ProcessorBlock& block)
 
     const float gain = BassRedirectGain(block.Bass_Trim, block.Bass_Invert);
     const float cutoff = float(block.Bass_Redir);
-    SplitHighPass2(bass.BassFilter[0], kSlotL, sum, cutoff, block);
-    SplitHighPass2(bass.BassFilter[1], kSlotR, sum, cutoff, block);
-    SplitHighPass2(bass.BassFilter[2], kSlotC, sum, cutoff, block);
+    // The three sections side by side; the removed parts are summed L, R, C.
+    FilterState* const states[3] = {&bass.BassFilter[0], &bass.BassFilter[1], &bass.BassFilter[2]};
+    const uint32_t slots[3] = {kSlotL, kSlotR, kSlotC};
+    SplitHighPass2Lanes(states, slots, sum, cutoff, block);
 
     float* lfe = block.Block->data + kSlotLFE;
     for (uint32_t i = 0; i < block.Frames; ++i, lfe += kFrameFloats)

@@ -53,7 +53,8 @@ void DelayRun(SampleBlock& line, uint32_t microseconds, const ProcessorBlock& bl
     for (uint32_t i = 0; i < block.Frames; ++i, p += kFrameFloats) {
         const float out = ring[position];
         ring[position] = *p;
-        position = (position + 1) % n;
+        if (++position == n)
+            position = 0;
         *p = out;
     }
     line.position = position;
@@ -61,11 +62,14 @@ void DelayRun(SampleBlock& line, uint32_t microseconds, const ProcessorBlock& bl
 
 void SurroundLowPass(SurroundTailState& tail, ProcessorBlock& block)
 {
-    if (block.Sample_Rate < kSurroundLowPassMinRate)
+    // With 0 frames there is nothing to filter and no address is formed in
+    // frames a first write of 0 frames has not made yet.
+    if (block.Sample_Rate < kSurroundLowPassMinRate || block.Frames == 0)
         return;
     float* frames = block.Block->data;
-    LowPass2(tail.SurroundFilter[0], frames, kSlotSL, kSurroundCutoff, kFrameFloats, block);
-    LowPass2(tail.SurroundFilter[1], frames, kSlotSR, kSurroundCutoff, kFrameFloats, block);
+    const SectionLane lanes[2] = {{&tail.SurroundFilter[0], frames + kSlotSL},
+                                  {&tail.SurroundFilter[1], frames + kSlotSR}};
+    LowPass2Lanes(lanes, kFrameFloats, kSurroundCutoff, block);
 }
 
 void SurroundDelay(SurroundTailState& tail, ProcessorBlock& block)

@@ -4,6 +4,8 @@
 #include <fftw3.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -20,6 +22,23 @@ std::string CacheWisdomPath()
     return std::string();
 }
 
+// The renderer keeps this file, with a first line naming the FFTW build and
+// processor that made it; the wisdom follows that line.
+bool ImportCacheFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        return false;
+    std::ostringstream text;
+    text << file.rdbuf();
+    std::string wisdom = text.str();
+    if (wisdom.rfind("kelvane fftw-wisdom", 0) == 0) {
+        const size_t end = wisdom.find('\n');
+        wisdom = end == std::string::npos ? std::string() : wisdom.substr(end + 1);
+    }
+    return !wisdom.empty() && fftwf_import_wisdom_from_string(wisdom.c_str()) != 0;
+}
+
 }  // namespace
 
 void ImportPlannerWisdom()
@@ -28,7 +47,7 @@ void ImportPlannerWisdom()
     const std::string path = CacheWisdomPath();
     // A missing or unreadable file, or wisdom of another FFTW build, is
     // refused by the importer and changes nothing.
-    if (!path.empty() && fftwf_import_wisdom_from_filename(path.c_str()) != 0)
+    if (!path.empty() && ImportCacheFile(path))
         return;
     fftwf_import_system_wisdom();
 }

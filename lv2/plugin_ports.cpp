@@ -48,10 +48,10 @@ constexpr PortRow kOutSR = Audio(PortKind::AudioOut, "out_sr", "Out SR", kSlotSR
 
 // The dialog's mode list, as far as the upmix runs it.
 constexpr ScalePoint kUpmixModes[] = {
-    {kModeBypass, "Bypass"},
-    {kModeFixedMatrix, "Kelvane+C (3/1) = L,R,C,S"},
-    {kModeSteered, "Kelvane-AS (3/1) = L,R,C,S"},
-    {kModeSteeredTwoSurround, "Kelvane-ASr (3/2) = L,R,C,SL,SR"},
+    {kModeBypass, kModeLabels[kModeBypass]},
+    {kModeFixedMatrix, kModeLabels[kModeFixedMatrix]},
+    {kModeSteered, kModeLabels[kModeSteered]},
+    {kModeSteeredTwoSurround, kModeLabels[kModeSteeredTwoSurround]},
 };
 
 // Channel counts of a surround source on six ports, by the player's channel

@@ -4,6 +4,8 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config libfftw3-dev libgtest-dev libbenchmark-dev libsndfile1-dev
+          # the renderer: resampling, the PNG report, and reading PNG in its tests
+          libsoxr-dev libcairo2-dev zlib1g-dev
           # the LV2 bundle and the real hosts its tests run: lilv's tools, the
           # schema checker, and a PipeWire daemon with its command-line clients
           lv2-dev liblilv-dev lilv-utils sordi pipewire pipewire-bin

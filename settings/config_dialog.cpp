@@ -41,14 +41,8 @@ static const WCHAR kVersionText[] = KELVANE_TEXT_OF(KELVANE_PRODUCT_VERSION);
 static const WCHAR kFileFilter[] = KELVANE_TEXT("Dynamic Link Library Files (*.dll)\0*.dll\0");
 static const WCHAR kFileTitle[] = KELVANE_TEXT("Select a Winamp output plugin");
 
-static const WCHAR* const kModeItems[kModeCount] = {
-    KELVANE_TEXT("Bypass"),
-    KELVANE_TEXT("Kelvane+C (3/1) = L,R,C,S"),
-    KELVANE_TEXT("Kelvane-AS (3/1) = L,R,C,S"),
-    KELVANE_TEXT("Kelvane-ASr (3/2) = L,R,C,SL,SR"),
-    KELVANE_TEXT("Kelvane Headphone (2/0) = L,R"),
-    KELVANE_TEXT("Kelvane Encode (2/0) = L,R"),
-};
+#define KELVANE_WIDE_MODE_ITEM(label) KELVANE_TEXT(label),
+static const WCHAR* const kModeItems[kModeCount] = {KELVANE_MODE_LABELS(KELVANE_WIDE_MODE_ITEM)};
 
 static const WCHAR* const kWordSizeItems[3] = {KELVANE_TEXT("16"), KELVANE_TEXT("24"), KELVANE_TEXT("32")};
 

@@ -27,24 +27,8 @@ struct NumberValue {
 };
 
 // The sixteen number values in the order of the record.
-static const NumberValue kNumberValues[] = {
-    {KELVANE_TEXT("Mode"), &ProcessorSettingsRecord::Mode, 3},
-    {KELVANE_TEXT("Out_Bits"), &ProcessorSettingsRecord::Out_Bits, 16},
-    {KELVANE_TEXT("Surround_Delay"), &ProcessorSettingsRecord::Surround_Delay, 10},
-    {KELVANE_TEXT("Centre_Width"), &ProcessorSettingsRecord::Centre_Width, 0},
-    {KELVANE_TEXT("Centre_Trim"), &ProcessorSettingsRecord::Centre_Trim, 0},
-    {KELVANE_TEXT("Surround_Trim_00"), &ProcessorSettingsRecord::Surround_Trim_00, 0},
-    {KELVANE_TEXT("Bass_Redir"), &ProcessorSettingsRecord::Bass_Redir, 120},
-    {KELVANE_TEXT("Bass_Redir_Enable"), &ProcessorSettingsRecord::Bass_Redir_Enable, 0},
-    {KELVANE_TEXT("Bass_Trim"), &ProcessorSettingsRecord::Bass_Trim, 0},
-    {KELVANE_TEXT("Bass_Invert"), &ProcessorSettingsRecord::Bass_Invert, 0},
-    {KELVANE_TEXT("Virtual_C"), &ProcessorSettingsRecord::Virtual_C, 0},
-    {KELVANE_TEXT("L"), &ProcessorSettingsRecord::L, 1},
-    {KELVANE_TEXT("R"), &ProcessorSettingsRecord::R, 1},
-    {KELVANE_TEXT("C"), &ProcessorSettingsRecord::C, 1},
-    {KELVANE_TEXT("SL"), &ProcessorSettingsRecord::SL, 1},
-    {KELVANE_TEXT("SR"), &ProcessorSettingsRecord::SR, 1},
-};
+#define KELVANE_NUMBER_VALUE(name, fallback) {KELVANE_TEXT(#name), &ProcessorSettingsRecord::name, fallback},
+static const NumberValue kNumberValues[] = {KELVANE_NUMBER_SETTINGS(KELVANE_NUMBER_VALUE)};
 
 void LoadSettings(ProcessorSettingsRecord& settings)
 {

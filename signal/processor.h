@@ -41,6 +41,28 @@ struct ProcessorSettingsRecord {
     int32_t SR;
 };
 
+// The sixteen number settings in the record's order, each with the value it
+// takes when the registry does not hold it. A list macro: F(name, default)
+// for each, so that the store, the dialog and our hosts spell the names in
+// their own text type from this one list.
+#define KELVANE_NUMBER_SETTINGS(F)                                                     \
+    F(Mode, 3)                                                                         \
+    F(Out_Bits, 16)                                                                    \
+    F(Surround_Delay, 10)                                                              \
+    F(Centre_Width, 0)                                                                 \
+    F(Centre_Trim, 0)                                                                  \
+    F(Surround_Trim_00, 0)                                                             \
+    F(Bass_Redir, 120)                                                                 \
+    F(Bass_Redir_Enable, 0)                                                            \
+    F(Bass_Trim, 0)                                                                    \
+    F(Bass_Invert, 0)                                                                  \
+    F(Virtual_C, 0)                                                                    \
+    F(L, 1)                                                                            \
+    F(R, 1)                                                                            \
+    F(C, 1)                                                                            \
+    F(SL, 1)                                                                           \
+    F(SR, 1)
+
 // The stream words latched at Open.
 struct StreamWords {
     uint32_t Stream_Channels;  // source channels

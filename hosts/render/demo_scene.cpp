@@ -7,8 +7,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include <sndfile.h>
+
 #include "hosts/render/levels.h"
-#include "hosts/render/wav_file.h"
 
 namespace {
 
@@ -125,22 +126,23 @@ Scene SixChannelScene()
 
 bool WriteScene(const Scene& scene, const std::string& path, std::string& error)
 {
-    const WavFormat format{kSceneRate, static_cast<uint16_t>(scene.channels), 16};
-    const std::vector<uint8_t> header = WavHeader(format, static_cast<uint32_t>(scene.samples.size() * 2));
-    std::vector<uint8_t> data(scene.samples.size() * 2);
-    for (size_t i = 0; i < scene.samples.size(); ++i) {
-        const uint16_t word = static_cast<uint16_t>(scene.samples[i]);
-        data[2 * i] = static_cast<uint8_t>(word);
-        data[2 * i + 1] = static_cast<uint8_t>(word >> 8);
+    SF_INFO info{};
+    info.samplerate = kSceneRate;
+    info.channels = scene.channels;
+    info.format = (scene.channels > 2 ? SF_FORMAT_WAVEX : SF_FORMAT_WAV) | SF_FORMAT_PCM_16;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    if (file == nullptr) {
+        error = "cannot write " + path + ": " + sf_strerror(nullptr);
+        return false;
     }
-    std::FILE* file = std::fopen(path.c_str(), "wb");
-    bool good = file != nullptr;
-    good = good && std::fwrite(header.data(), 1, header.size(), file) == header.size();
-    good = good && std::fwrite(data.data(), 1, data.size(), file) == data.size();
-    if (file != nullptr)
-        good = (std::fclose(file) == 0) && good;
+    const sf_count_t frames = static_cast<sf_count_t>(scene.samples.size() / static_cast<size_t>(scene.channels));
+    bool good = sf_writef_short(file, scene.samples.data(), frames) == frames;
     if (!good)
-        error = "cannot write " + path + ": " + std::strerror(errno);
+        error = "cannot write " + path + ": " + sf_strerror(file);
+    if (sf_close(file) != 0 && good) {
+        error = "cannot write " + path;
+        good = false;
+    }
     return good;
 }
 
@@ -155,49 +157,34 @@ void MeasuredPart(const SceneSegment& segment, uint64_t& first, uint64_t& frames
 bool SegmentLevels(const std::string& path, const Scene& scene, std::vector<std::vector<double>>& levels,
                    int& channels, std::string& error)
 {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    WavLayout layout{};
-    if (file == nullptr || !ReadWavLayout(file, layout)) {
-        if (file != nullptr)
-            std::fclose(file);
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (file == nullptr) {
         error = "cannot read back " + path;
         return false;
     }
-    channels = layout.format.channels;
-    const uint32_t sample_bytes = layout.format.bits / 8u;
-    const uint32_t frame_bytes = WavFrameBytes(layout.format);
+    channels = info.channels;
     levels.clear();
-    std::vector<uint8_t> bytes;
-    std::vector<double> frame(static_cast<size_t>(channels));
+    std::vector<double> samples;
     for (const SceneSegment& segment : scene.segments) {
         uint64_t first = 0, frames = 0;
         MeasuredPart(segment, first, frames);
-        bytes.resize(static_cast<size_t>(frames * frame_bytes));
-        if (std::fseek(file, static_cast<long>(layout.data_offset + first * frame_bytes), SEEK_SET) != 0 ||
-            std::fread(bytes.data(), 1, bytes.size(), file) != bytes.size()) {
-            std::fclose(file);
+        samples.resize(static_cast<size_t>(frames) * static_cast<size_t>(channels));
+        if (sf_seek(file, static_cast<sf_count_t>(first), SEEK_SET) < 0 ||
+            sf_readf_double(file, samples.data(), static_cast<sf_count_t>(frames)) != static_cast<sf_count_t>(frames)) {
+            sf_close(file);
             error = "cannot read back " + path;
             return false;
         }
         ChannelLevels measured{};
         InitLevels(measured, channels, 0);
-        for (uint64_t i = 0; i < frames; ++i) {
-            for (int c = 0; c < channels; ++c) {
-                const uint8_t* p = &bytes[static_cast<size_t>(i * frame_bytes + c * sample_bytes)];
-                int64_t value = 0;
-                for (uint32_t b = 0; b < sample_bytes; ++b)
-                    value |= static_cast<int64_t>(p[b]) << (8 * b);
-                const int shift = static_cast<int>(64 - 8 * sample_bytes);
-                value = static_cast<int64_t>(static_cast<uint64_t>(value) << shift) >> shift;
-                frame[static_cast<size_t>(c)] = static_cast<double>(value) / std::ldexp(1.0, 8 * static_cast<int>(sample_bytes) - 1);
-            }
-            AddLevelFrame(measured, frame.data());
-        }
+        for (uint64_t i = 0; i < frames; ++i)
+            AddLevelFrame(measured, &samples[static_cast<size_t>(i) * static_cast<size_t>(channels)]);
         std::vector<double> row;
         for (int c = 0; c < channels; ++c)
             row.push_back(RmsDb(measured, c));
         levels.push_back(row);
     }
-    std::fclose(file);
+    sf_close(file);
     return true;
 }

@@ -1,9 +1,12 @@
 // Peak and RMS levels per channel.
 #include "hosts/render/levels.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <limits>
+
+#include "hosts/render/engine_meter.h"
 
 void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames)
 {
@@ -16,23 +19,147 @@ void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames)
 
 void AddLevelFrame(ChannelLevels& levels, const double* samples)
 {
+    AddLevelFrames(levels, samples, 1);
+}
+
+namespace {
+
+// `run` frames of `Channels` channels, each channel's sums in the order of
+// the frames, the channels side by side.
+template <size_t Channels, bool Windowed>
+void AddRun(ChannelLevels& levels, const double* samples, size_t run, double* window)
+{
+    double peak[Channels], sum[Channels], in_window[Channels];
+    for (size_t c = 0; c < Channels; ++c) {
+        peak[c] = levels.peak[c];
+        sum[c] = levels.sum_square[c];
+        in_window[c] = Windowed ? window[c] : 0.0;
+    }
+    for (size_t i = 0; i < run; ++i, samples += Channels)
+        for (size_t c = 0; c < Channels; ++c) {
+            const double x = samples[c];
+            const double square = x * x;
+            if (std::fabs(x) > peak[c])
+                peak[c] = std::fabs(x);
+            sum[c] += square;
+            if (Windowed)
+                in_window[c] += square;
+        }
+    for (size_t c = 0; c < Channels; ++c) {
+        levels.peak[c] = peak[c];
+        levels.sum_square[c] = sum[c];
+        if (Windowed)
+            window[c] = in_window[c];
+    }
+}
+
+template <size_t Channels>
+void AddRunOf(ChannelLevels& levels, const double* samples, size_t run, double* window)
+{
+    if (window != nullptr)
+        AddRun<Channels, true>(levels, samples, run, window);
+    else
+        AddRun<Channels, false>(levels, samples, run, window);
+}
+
+// The 16-bit words of `Channels` channels straight from the bytes. With x =
+// w / 32768 the square x x is w w / 2^30 exactly, and the largest |x| is the
+// largest |w| / 32768. The sum of squares, in units of 2^-30, is a whole
+// number, and every partial sum is exact as long as it stays below 2^53:
+// then the whole number summed in 64 bits is that sum to the last bit. Past
+// that the run is summed again in double precision, square by square, as
+// AddLevelFrame sums it.
+template <size_t Channels>
+void AddWords16(ChannelLevels& levels, const uint8_t* words, size_t frames)
+{
+    constexpr double kSquareScale = 1.0 / 1073741824.0;  // 2^-30
+    constexpr double kExactLimit = 9007199254740992.0;   // 2^53
+    int64_t squares[Channels] = {};
+    int32_t largest[Channels] = {};
+    const uint8_t* p = words;
+    for (size_t i = 0; i < frames; ++i, p += 2 * Channels)
+        for (size_t c = 0; c < Channels; ++c) {
+            const int32_t w = static_cast<int16_t>(p[2 * c] | p[2 * c + 1] << 8);
+            squares[c] += w * w;
+            largest[c] = std::max(largest[c], w < 0 ? -w : w);
+        }
+    for (size_t c = 0; c < Channels; ++c) {
+        levels.peak[c] = std::max(levels.peak[c], largest[c] / 32768.0);
+        const double before = levels.sum_square[c] / kSquareScale;  // a whole number below 2^53 ...
+        if (before + static_cast<double>(squares[c]) < kExactLimit) {
+            levels.sum_square[c] = static_cast<double>(static_cast<int64_t>(before) + squares[c]) * kSquareScale;
+            continue;
+        }
+        // ... or not: square by square.
+        double sum = levels.sum_square[c];
+        p = words + 2 * c;
+        for (size_t i = 0; i < frames; ++i, p += 2 * Channels) {
+            const int32_t w = static_cast<int16_t>(p[0] | p[1] << 8);
+            sum += static_cast<double>(w * w) * kSquareScale;
+        }
+        levels.sum_square[c] = sum;
+    }
+    levels.frames += frames;
+}
+
+}  // namespace
+
+void AddLevelFrames16(ChannelLevels& levels, const uint8_t* words, size_t frames)
+{
+    switch (levels.channels) {
+    case 2: AddWords16<2>(levels, words, frames); break;
+    case 6: AddWords16<6>(levels, words, frames); break;
+    default: {
+        const size_t channels = static_cast<size_t>(levels.channels);
+        std::vector<double> frame(channels);
+        for (size_t i = 0; i < frames; ++i, words += 2 * channels) {
+            for (size_t c = 0; c < channels; ++c)
+                frame[c] = static_cast<int16_t>(words[2 * c] | words[2 * c + 1] << 8) / 32768.0;
+            AddLevelFrame(levels, frame.data());
+        }
+        break;
+    }
+    }
+}
+
+void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames)
+{
     const size_t channels = static_cast<size_t>(levels.channels);
-    double* window = nullptr;
-    if (levels.window_frames != 0) {
-        if (levels.frames % levels.window_frames == 0)
-            levels.window_square.resize(levels.window_square.size() + channels, 0.0);
-        window = &levels.window_square[levels.window_square.size() - channels];
+    size_t done = 0;
+    while (done < frames) {
+        // The frames up to the end of the current window, or all of them.
+        size_t run = frames - done;
+        double* window = nullptr;
+        if (levels.window_frames != 0) {
+            const uint64_t into = levels.frames % levels.window_frames;
+            if (into == 0)
+                levels.window_square.resize(levels.window_square.size() + channels, 0.0);
+            window = &levels.window_square[levels.window_square.size() - channels];
+            if (levels.window_frames - into < run)
+                run = static_cast<size_t>(levels.window_frames - into);
+        }
+        const double* first = samples + done * channels;
+        switch (channels) {
+        case 1: AddRunOf<1>(levels, first, run, window); break;
+        case 2: AddRunOf<2>(levels, first, run, window); break;
+        case 6: AddRunOf<6>(levels, first, run, window); break;
+        default:
+            // Any other count, channel by channel.
+            for (size_t c = 0; c < channels; ++c)
+                for (size_t i = 0; i < run; ++i) {
+                    const double x = first[i * channels + c];
+                    const double square = x * x;
+                    if (std::fabs(x) > levels.peak[c])
+                        levels.peak[c] = std::fabs(x);
+                    levels.sum_square[c] += square;
+                    if (window != nullptr)
+                        window[c] += square;
+                }
+            break;
+        }
+        levels.frames += run;
+        done += run;
     }
-    for (size_t c = 0; c < channels; ++c) {
-        const double x = samples[c];
-        const double square = x * x;
-        if (std::fabs(x) > levels.peak[c])
-            levels.peak[c] = std::fabs(x);
-        levels.sum_square[c] += square;
-        if (window != nullptr)
-            window[c] += square;
-    }
-    ++levels.frames;
 }
 
 double LevelDb(double linear)
@@ -79,4 +206,38 @@ std::string FormatDb(double db, int width)
     else
         std::snprintf(text, sizeof text, "%*.1f", width, db);
     return text;
+}
+
+void InitOverCounts(OverCounts& counts, uint32_t window_frames)
+{
+    counts = OverCounts{};
+    counts.window_frames = window_frames;
+}
+
+void AddProcessedFrame(OverCounts& counts, const float* frame, int bits)
+{
+    uint32_t* window = nullptr;
+    if (counts.window_frames != 0) {
+        if (counts.frames % counts.window_frames == 0)
+            counts.window_overs.resize(counts.window_overs.size() + 6, 0);
+        window = &counts.window_overs[counts.window_overs.size() - 6];
+    }
+    for (int c = 0; c < 6; ++c) {
+        const double magnitude = std::fabs(static_cast<double>(frame[c]));
+        if (magnitude > counts.peak[c] || std::isnan(magnitude))
+            counts.peak[c] = magnitude;
+        if (OverFullScale(frame[c], bits)) {
+            ++counts.overs[c];
+            if (window != nullptr)
+                ++window[c];
+        }
+    }
+    ++counts.frames;
+}
+
+double OutputLevelDb(double magnitude)
+{
+    // 0.85 as the conversion has it: 27852.80078125 / 32768, a little above.
+    constexpr double kOutputFactor = 27852.80078125 / 32768.0;
+    return LevelDb(magnitude * kOutputFactor);
 }

@@ -3,8 +3,13 @@
 // It has the host's output record and can be chained behind any plug-in that
 // forwards to another, or loaded by a player directly. `Open` creates the file
 // for the stream's rate, channels and bits, `Write` appends the bytes as they
-// come, `Close` fills in the header sizes. Samples are never touched: volume
-// and pan are accepted and ignored so that the file holds exactly the stream.
+// come, `Close` finishes the file. Samples are never touched: volume and pan
+// are accepted and ignored so that the file holds exactly the stream.
+//
+// The file is written through libsndfile as RF64 that is turned into a plain
+// WAV (WAVE_FORMAT_EXTENSIBLE, six channels saying L, R, C, LFE, SL, SR) at
+// Close when it stayed below 4 GiB, as it nearly always does: a stream has no
+// length known in advance, and a long one must not fail at its end.
 //
 // Where it writes is its own setting, the string value Out_File of the key
 // HKEY_LOCAL_MACHINE\SOFTWARE\Morrowfen\OutWav in the registry stand-in. The
@@ -18,9 +23,10 @@
 #include <string>
 #include <vector>
 
+#include <sndfile.h>
+
 #include "hosts/out_module_host.h"
 #include "platform/posix/reg_file.h"
-#include "hosts/render/wav_file.h"
 
 namespace {
 
@@ -36,10 +42,12 @@ constexpr int kOwnModuleId = 0x57415601;
 constexpr int kCanWriteBytes = 8 * 1024 * 1024;
 
 struct WavWriterState {
-    std::FILE* file;          // the open output, null between Close and Open
+    SNDFILE* file;            // the open output, null between Close and Open
     std::string path;         // where it goes
-    WavFormat format;         // as opened
-    uint64_t data_bytes;      // sample bytes written since Open
+    int rate;                 // as opened: frames per second
+    int frame_bytes;          // bytes of one frame
+    std::vector<char> partial;  // the start of a frame that a write cut off
+    uint64_t data_bytes;      // sample bytes taken since Open
     uint64_t bytes_at_flush;  // data_bytes at the last Flush, the origin of the clock
     int time_at_flush_ms;     // the host's time at that Flush, milliseconds
     int paused;               // last pause state from the host
@@ -74,27 +82,37 @@ std::string ConfiguredOutFile()
 
 int MillisecondsOf(uint64_t bytes)
 {
-    const uint64_t bytes_per_second = uint64_t{Writer.format.rate} * WavFrameBytes(Writer.format);
+    const uint64_t bytes_per_second = uint64_t(Writer.rate) * uint64_t(Writer.frame_bytes);
     if (bytes_per_second == 0)
         return 0;
     return static_cast<int>(bytes * 1000 / bytes_per_second);
 }
 
-// Writes the final sizes into the header and closes the file.
+// Finishes and closes the file.
 void FinishFile()
 {
     if (Writer.file == nullptr)
         return;
-    bool good = true;
-    if (Writer.data_bytes & 1u)
-        good = std::fputc(0, Writer.file) != EOF;
-    const std::vector<uint8_t> header = WavHeader(Writer.format, static_cast<uint32_t>(Writer.data_bytes));
-    good = good && std::fseek(Writer.file, 0, SEEK_SET) == 0;
-    good = good && std::fwrite(header.data(), 1, header.size(), Writer.file) == header.size();
-    good = (std::fclose(Writer.file) == 0) && good;
-    if (!good)
-        ShowMessage("could not finish " + Writer.path + ": " + std::strerror(errno));
+    const bool good = sf_error(Writer.file) == SF_ERR_NO_ERROR;
+    const std::string reason = sf_strerror(Writer.file);
+    if (sf_close(Writer.file) != 0 || !good)
+        ShowMessage("could not finish " + Writer.path + ": " + reason);
+    if (!Writer.partial.empty())
+        ShowMessage(Writer.path + ": the stream ended inside a frame; its last " +
+                    std::to_string(Writer.partial.size()) + " bytes were left out");
     Writer.file = nullptr;
+    Writer.partial.clear();
+}
+
+// The libsndfile subtype of a depth.
+int Subtype(int bits)
+{
+    switch (bits) {
+    case 8: return SF_FORMAT_PCM_U8;
+    case 24: return SF_FORMAT_PCM_24;
+    case 32: return SF_FORMAT_PCM_32;
+    default: return SF_FORMAT_PCM_16;
+    }
 }
 
 void Config(host::HWND)
@@ -127,23 +145,26 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
         return -1;
     }
     Writer.path = ConfiguredOutFile();
-    Writer.format = WavFormat{static_cast<uint32_t>(samplerate), static_cast<uint16_t>(numchannels),
-                              static_cast<uint16_t>(bitspersamp)};
+    Writer.rate = samplerate;
+    Writer.frame_bytes = numchannels * bitspersamp / 8;
+    Writer.partial.clear();
     Writer.data_bytes = 0;
     Writer.bytes_at_flush = 0;
     Writer.time_at_flush_ms = 0;
-    Writer.file = std::fopen(Writer.path.c_str(), "wb");
+    SF_INFO info{};
+    info.samplerate = samplerate;
+    info.channels = numchannels;
+    info.format = SF_FORMAT_RF64 | Subtype(bitspersamp);
+    Writer.file = sf_open(Writer.path.c_str(), SFM_WRITE, &info);
     if (Writer.file == nullptr) {
-        ShowMessage("cannot create " + Writer.path + ": " + std::strerror(errno));
+        ShowMessage("cannot create " + Writer.path + ": " + sf_strerror(nullptr));
         return -1;
     }
-    // Sizes of 0 until Close knows them.
-    const std::vector<uint8_t> header = WavHeader(Writer.format, 0);
-    if (std::fwrite(header.data(), 1, header.size(), Writer.file) != header.size()) {
-        ShowMessage("cannot write " + Writer.path + ": " + std::strerror(errno));
-        std::fclose(Writer.file);
-        Writer.file = nullptr;
-        return -1;
+    sf_command(Writer.file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    if (numchannels == 6) {
+        int map[6] = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT,     SF_CHANNEL_MAP_CENTER,
+                      SF_CHANNEL_MAP_LFE,  SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
+        sf_command(Writer.file, SFC_SET_CHANNEL_MAP_INFO, map, sizeof map);
     }
     return 0;
 }
@@ -153,18 +174,21 @@ void Close()
     FinishFile();
 }
 
+// The bytes go to the file as they are, in whole frames: a frame that a
+// write cuts off waits for the rest.
 int Write(char* buf, int len)
 {
     if (Writer.file == nullptr || len < 0)
         return 1;
-    if (Writer.data_bytes + static_cast<uint64_t>(len) > kMaxWavDataBytes) {
-        ShowMessage(Writer.path + " has reached the size limit of a WAV file");
+    std::vector<char>& partial = Writer.partial;
+    partial.insert(partial.end(), buf, buf + len);
+    const size_t whole = partial.size() - partial.size() % static_cast<size_t>(Writer.frame_bytes);
+    if (whole > 0 && sf_write_raw(Writer.file, partial.data(), static_cast<sf_count_t>(whole)) !=
+                         static_cast<sf_count_t>(whole)) {
+        ShowMessage("cannot write " + Writer.path + ": " + sf_strerror(Writer.file));
         return 1;
     }
-    if (len > 0 && std::fwrite(buf, 1, static_cast<size_t>(len), Writer.file) != static_cast<size_t>(len)) {
-        ShowMessage("cannot write " + Writer.path + ": " + std::strerror(errno));
-        return 1;
-    }
+    partial.erase(partial.begin(), partial.begin() + static_cast<long>(whole));
     Writer.data_bytes += static_cast<uint64_t>(len);
     return 0;
 }

@@ -6,12 +6,14 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <memory>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include "hosts/render/engine_meter.h"
+#include "hosts/render/messages.h"
 #include "hosts/render/pcm_source.h"
-#include "hosts/render/report_svg.h"
+#include "hosts/render/report.h"
+#include "hosts/render/resampler.h"
+#include "signal/mode.h"
 
 volatile std::sig_atomic_t RenderInterrupted = 0;
 
@@ -28,82 +30,30 @@ constexpr int kFullVolume = 255;
 constexpr int kCentrePan = 0;
 // How long to wait for an output plug-in that has no room before giving up.
 constexpr double kCanWriteTimeoutSeconds = 30.0;
-// Bytes copied at a time when the outputs are cut from the pieces.
+// Frames copied at a time when the outputs are cut from the pieces.
 constexpr uint64_t kCopyFrames = 16384;
-// The level picture has at most about this many columns.
-constexpr uint64_t kReportColumns = 800;
-
-constexpr const char* kSpeakerNames[6] = {"L", "R", "C", "LFE", "SL", "SR"};
+// The level picture has at most about this many columns, and a column is
+// never shorter than this.
+constexpr double kReportColumns = 800.0;
+constexpr double kShortestWindowSeconds = 0.02;
+constexpr double kInt32FullScale = 2147483648.0;
+constexpr int kFrameSlots = 6;
 
 double Seconds(Clock::time_point since)
 {
     return std::chrono::duration<double>(Clock::now() - since).count();
 }
 
-std::string FolderOf(const std::string& path)
+double DbToGain(double db)
 {
-    size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string FileNameOf(const std::string& path)
-{
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// A file created under a temporary name beside its final one.
-struct PendingFile {
-    std::string final_path;
-    std::string temporary_path;
-    std::FILE* file;
-};
-
-bool CreatePending(const std::string& final_path, PendingFile& pending, std::string& error)
-{
-    std::string pattern = FolderOf(final_path) + "/." + FileNameOf(final_path) + ".tmp-XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    int descriptor = mkstemp(name.data());
-    if (descriptor < 0) {
-        error = "cannot write " + final_path + ": " + std::strerror(errno);
-        return false;
-    }
-    // mkstemp makes the file private; the output gets the usual permissions.
-    const mode_t mask = umask(0);
-    umask(mask);
-    fchmod(descriptor, 0666 & ~mask);
-    pending.final_path = final_path;
-    pending.temporary_path = name.data();
-    pending.file = fdopen(descriptor, "w+b");
-    if (pending.file == nullptr) {
-        close(descriptor);
-        std::remove(pending.temporary_path.c_str());
-        error = "cannot write " + final_path + ": " + std::strerror(errno);
-        return false;
-    }
-    return true;
-}
-
-void DiscardPending(std::vector<PendingFile>& files)
-{
-    for (PendingFile& pending : files) {
-        if (pending.file != nullptr)
-            std::fclose(pending.file);
-        pending.file = nullptr;
-        if (!pending.temporary_path.empty())
-            std::remove(pending.temporary_path.c_str());
-    }
-    files.clear();
+    return std::pow(10.0, db / 20.0);
 }
 
 // Progress on standard error: percent, speed as a multiple of real time,
 // time left. Drawn at most ten times a second.
 struct Progress {
     bool enabled;
-    uint64_t total_frames;     // all inputs, as their files state
+    uint64_t total_frames;     // all inputs in all passes, as their files state
     double audio_seconds;      // done so far
     uint64_t frames_done;
     Clock::time_point start;
@@ -114,13 +64,14 @@ void DrawProgress(Progress& progress, bool final)
 {
     if (!progress.enabled)
         return;
+    std::FILE* out = UserErrors();
     const Clock::time_point now = Clock::now();
     if (!final && now - progress.last_draw < std::chrono::milliseconds(100))
         return;
     progress.last_draw = now;
     if (final) {
-        std::fprintf(stderr, "\r%60s\r", "");
-        std::fflush(stderr);
+        std::fprintf(out, "\r%60s\r", "");
+        std::fflush(out);
         return;
     }
     const double elapsed = Seconds(progress.start);
@@ -135,9 +86,9 @@ void DrawProgress(Progress& progress, bool final)
         bar[i] = i < filled ? '#' : '-';
     bar[kBarWidth] = '\0';
     const int left_seconds = static_cast<int>(left + 0.5);
-    std::fprintf(stderr, "\r%3d%% [%s] %6.1fx real time  %d:%02d left ", static_cast<int>(fraction * 100.0), bar,
+    std::fprintf(out, "\r%3d%% [%s] %6.1fx real time  %d:%02d left ", static_cast<int>(fraction * 100.0), bar,
                  speed, left_seconds / 60, left_seconds % 60);
-    std::fflush(stderr);
+    std::fflush(out);
 }
 
 // Hands one block to the processor as a player does: wait for room, write.
@@ -163,9 +114,10 @@ bool WriteBlock(host::Out_Module* module, std::vector<uint8_t>& buffer, int leng
 }
 
 // The work buffer holds the block and, behind it, zeros: for four channels of
-// 32 bits and five of 24 bits the processor reads past the end of what it was
-// given, up to 2.2 times the block's length, and those reads must land on
-// something defined.
+// 32 bits and five of 24 bits the processor reads on past what the block's
+// frames take. This build stops at the end of the buffer it is given; a
+// processor loaded with --plugin may read up to 2.2 times the block's length
+// beyond, and those reads must land on something defined.
 void PrepareWriteBuffer(std::vector<uint8_t>& buffer, const std::vector<uint8_t>& block)
 {
     const size_t length = block.size();
@@ -178,18 +130,18 @@ void PrepareWriteBuffer(std::vector<uint8_t>& buffer, const std::vector<uint8_t>
 
 // The pieces that out_wav wrote, read back as one stream of frames.
 struct PieceStream {
-    std::vector<std::FILE*> files;
-    std::vector<WavLayout> layouts;
+    std::vector<SNDFILE*> files;
+    std::vector<uint64_t> frames;       // frames in each piece
     std::vector<uint64_t> first_frame;  // stream frame at which each piece starts
     uint64_t total_frames;
-    uint32_t frame_bytes;
+    int channels;
 };
 
 void ClosePieces(PieceStream& stream)
 {
-    for (std::FILE* file : stream.files)
+    for (SNDFILE* file : stream.files)
         if (file != nullptr)
-            std::fclose(file);
+            sf_close(file);
     stream.files.clear();
 }
 
@@ -197,82 +149,51 @@ bool OpenPieces(const std::vector<std::string>& paths, PieceStream& stream, std:
 {
     stream = PieceStream{};
     for (const std::string& path : paths) {
-        std::FILE* file = std::fopen(path.c_str(), "rb");
-        WavLayout layout{};
-        if (file == nullptr || !ReadWavLayout(file, layout)) {
-            if (file != nullptr)
-                std::fclose(file);
+        SF_INFO info{};
+        SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+        if (file == nullptr) {
             ClosePieces(stream);
             error = "the output plug-in did not leave a readable file at " + path;
             return false;
         }
-        const uint32_t frame_bytes = WavFrameBytes(layout.format);
-        if (stream.files.empty())
-            stream.frame_bytes = frame_bytes;
         stream.files.push_back(file);
-        if (frame_bytes != stream.frame_bytes || frame_bytes == 0) {
+        if (stream.files.size() == 1)
+            stream.channels = info.channels;
+        if (info.channels != stream.channels) {
             ClosePieces(stream);
             error = "the processor changed its output format within the play-list";
             return false;
         }
-        stream.layouts.push_back(layout);
+        stream.frames.push_back(static_cast<uint64_t>(info.frames));
         stream.first_frame.push_back(stream.total_frames);
-        stream.total_frames += layout.data_bytes / frame_bytes;
+        stream.total_frames += static_cast<uint64_t>(info.frames);
     }
     return true;
 }
 
-// A sample of an output word at full scale 1.0.
-double SampleValue(const uint8_t* p, int bits)
+// Reads frames [first, first + count) of the stream as full-scale samples,
+// keeping the first `keep` channels of each frame.
+bool ReadStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int keep, std::vector<int32_t>& words,
+                      std::vector<double>& out, std::string& error)
 {
-    switch (bits) {
-    case 8: return (static_cast<int>(p[0]) - 128) / 128.0;
-    case 16: return static_cast<int16_t>(p[0] | p[1] << 8) / 32768.0;
-    case 24: return static_cast<int32_t>(static_cast<uint32_t>(p[0]) << 8 | static_cast<uint32_t>(p[1]) << 16 |
-                                         static_cast<uint32_t>(p[2]) << 24) / 2147483648.0;
-    default: return static_cast<int32_t>(static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-                                         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24) /
-                    2147483648.0;
-    }
-}
-
-// Copies frames [first, first + count) of the stream to `out`, keeping the
-// first `keep_channels` channels of each frame, and measures them.
-bool CopyStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int bits, int keep_channels, std::FILE* out,
-                      ChannelLevels& file_levels, ChannelLevels& stream_levels, std::string& error)
-{
-    const uint32_t sample_bytes = static_cast<uint32_t>(bits) / 8;
-    const uint32_t keep_bytes = sample_bytes * static_cast<uint32_t>(keep_channels);
-    std::vector<uint8_t> in(static_cast<size_t>(kCopyFrames) * stream.frame_bytes);
-    std::vector<uint8_t> kept(static_cast<size_t>(kCopyFrames) * keep_bytes);
-    std::vector<double> frame(static_cast<size_t>(keep_channels));
+    out.clear();
     size_t piece = 0;
     while (count > 0) {
         while (piece + 1 < stream.files.size() && stream.first_frame[piece + 1] <= first)
             ++piece;
-        const uint64_t piece_frames = stream.layouts[piece].data_bytes / stream.frame_bytes;
         const uint64_t offset = first - stream.first_frame[piece];
-        const uint64_t run = std::min({count, kCopyFrames, piece_frames - offset});
-        std::FILE* file = stream.files[piece];
-        const uint64_t at = stream.layouts[piece].data_offset + offset * stream.frame_bytes;
-        const size_t bytes = static_cast<size_t>(run * stream.frame_bytes);
-        if (run == 0 || std::fseek(file, static_cast<long>(at), SEEK_SET) != 0 || std::fread(in.data(), 1, bytes, file) != bytes) {
+        const uint64_t run = std::min(count, stream.frames[piece] - offset);
+        words.resize(static_cast<size_t>(run) * static_cast<size_t>(stream.channels));
+        SNDFILE* file = stream.files[piece];
+        if (run == 0 || sf_seek(file, static_cast<sf_count_t>(offset), SEEK_SET) < 0 ||
+            sf_readf_int(file, words.data(), static_cast<sf_count_t>(run)) != static_cast<sf_count_t>(run)) {
             error = "cannot read back the processor's output";
             return false;
         }
-        for (uint64_t i = 0; i < run; ++i) {
-            const uint8_t* source = &in[static_cast<size_t>(i * stream.frame_bytes)];
-            std::memcpy(&kept[static_cast<size_t>(i * keep_bytes)], source, keep_bytes);
-            for (int c = 0; c < keep_channels; ++c)
-                frame[static_cast<size_t>(c)] = SampleValue(source + c * sample_bytes, bits);
-            AddLevelFrame(file_levels, frame.data());
-            AddLevelFrame(stream_levels, frame.data());
-        }
-        const size_t out_bytes = static_cast<size_t>(run * keep_bytes);
-        if (std::fwrite(kept.data(), 1, out_bytes, out) != out_bytes) {
-            error = std::string("cannot write output: ") + std::strerror(errno);
-            return false;
-        }
+        for (uint64_t i = 0; i < run; ++i)
+            for (int c = 0; c < keep; ++c)
+                out.push_back(words[static_cast<size_t>(i) * static_cast<size_t>(stream.channels) +
+                                    static_cast<size_t>(c)] / kInt32FullScale);
         first += run;
         count -= run;
     }
@@ -282,9 +203,9 @@ bool CopyStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int b
 // Everything a run holds that must be given back on every way out.
 struct RunResources {
     std::vector<PcmSource> sources;
-    std::vector<PendingFile> outputs;
     std::vector<std::string> pieces;
     PieceStream stream;
+    SoundWriter writer{};
     host::Out_Module* module = nullptr;
     bool initialised = false;
     bool opened = false;
@@ -298,109 +219,123 @@ struct RunResources {
         ClosePieces(stream);
         for (PcmSource& source : sources)
             ClosePcmSource(source);
-        DiscardPending(outputs);
+        if (writer.file != nullptr)
+            sf_close(writer.file);
         for (const std::string& piece : pieces)
             std::remove(piece.c_str());
     }
 };
 
-}  // namespace
+// Where each input landed in the processor's stream, and what it measured.
+// A reset drops what the convolver still holds (only silence, after the
+// padding), so the stream starts afresh with the piece opened after it: an
+// input's place is counted from the first piece since the last reset.
+struct PassRecord {
+    std::vector<size_t> segment;         // per input: first piece since the last reset
+    std::vector<uint64_t> offset;        // per input: frames written since that reset before it
+    std::vector<uint64_t> fed;           // per input: frames handed to the processor
+    std::vector<ChannelLevels> levels;   // per input: the level handed on, one channel, in windows
+    std::vector<OverCounts> processed;   // per input: before the output conversion
+};
 
-bool RunRender(const RenderRequest& request, RenderContext& context, RenderSummary& summary, std::string& error)
+uint32_t WindowFrames(double window_seconds, int rate)
 {
-    summary = RenderSummary{};
-    const Clock::time_point start = Clock::now();
-    RunResources run;
+    return static_cast<uint32_t>(std::max(1.0, std::floor(window_seconds * rate + 0.5)));
+}
 
-    // Every input must be readable before anything is written.
-    run.sources.resize(request.inputs.size());
-    uint64_t stated_frames = 0;
-    for (size_t i = 0; i < request.inputs.size(); ++i) {
-        if (!OpenPcmSource(request.inputs[i], run.sources[i], error))
-            return false;
-        if (run.sources[i].frames > 0)
-            stated_frames += static_cast<uint64_t>(run.sources[i].frames);
+// Plays every input once: through the plug-in and the meter, or through the
+// meter alone (the first pass of --normalize).
+bool RunPass(const RenderRequest& request, RenderContext& context, RunResources& run, EngineMeter& meter,
+             bool with_plugin, int processor_bits, double window_seconds, Progress& progress, PassRecord& record,
+             std::string& error)
+{
+    const size_t count = run.sources.size();
+    record = PassRecord{};
+    record.segment.assign(count, 0);
+    record.offset.assign(count, 0);
+    record.fed.assign(count, 0);
+    record.levels.resize(count);
+    record.processed.resize(count);
+    for (size_t i = 0; i < count; ++i) {
+        InitLevels(record.levels[i], 1, WindowFrames(window_seconds, run.sources[i].rate));
+        InitOverCounts(record.processed[i], WindowFrames(window_seconds, run.sources[i].rate));
     }
-    for (const OutputPlan& plan : request.outputs)
-        for (size_t input : plan.inputs)
-            if (run.sources[input].rate != run.sources[plan.inputs.front()].rate) {
-                error = "inputs of different sample rates cannot share the output " + plan.path + " (use -o DIR)";
-                return false;
-            }
-
-    // And every output must be creatable.
-    for (const OutputPlan& plan : request.outputs) {
-        PendingFile pending{};
-        if (!CreatePending(plan.path, pending, error))
-            return false;
-        run.outputs.push_back(pending);
-    }
-    PendingFile report{};
-    if (!request.report.empty()) {
-        if (!CreatePending(request.report, report, error))
-            return false;
-        run.outputs.push_back(report);
-    }
-
-    // The processor's private settings store for this run.
-    const std::string store = context.work_folder + "/" + kMakerKeyName + "/" + kProcessorKeyName + ".reg";
-    if (!WriteRegKey(store, RegKeyPath(kMakerKeyName, kProcessorKeyName), request.settings, error))
-        return false;
 
     host::Out_Module* module = context.session->module;
-    run.module = module;
-    module->Init();
-    run.initialised = true;
+    if (with_plugin) {
+        run.module = module;
+        ReportTrace("Init");
+        module->Init();
+        run.initialised = true;
+    }
+    StartEngineMeter(meter);
+    ResetEngineMeter(meter);
 
-    Progress progress{};
-    progress.enabled = request.show_progress;
-    progress.total_frames = stated_frames;
-    progress.start = Clock::now();
-
-    const uint32_t window_frames = static_cast<uint32_t>(std::max<uint64_t>(
-        static_cast<uint64_t>(run.sources.front().rate) / 50, stated_frames / kReportColumns + 1));
-    ChannelLevels input_levels{};
-    InitLevels(input_levels, 1, window_frames);
-
-    // Where each input lands in the stream that comes back. A reset drops
-    // what the convolver still holds (only silence, after the padding), so
-    // the stream starts afresh with the piece opened after it: an input's
-    // place is counted from the first piece since the last reset.
-    std::vector<size_t> input_segment(run.sources.size());   // first piece since the last reset
-    std::vector<uint64_t> input_offset(run.sources.size());  // frames written since that reset before it
-    std::vector<uint64_t> input_frames(run.sources.size());
     size_t segment = 0;
+    size_t attributed = 0;         // the input that the meter's frames belong to now
+    uint64_t stream_frames = 0;    // frames written since the last reset, silence included
+    uint64_t metered_frames = 0;   // frames that the meter gave back since the last reset
     std::vector<uint8_t> block;
     std::vector<uint8_t> buffer;
     std::vector<double> power;
-    uint64_t stream_frames = 0;  // frames written since the last reset, silence included
 
-    for (size_t i = 0; i < run.sources.size(); ++i) {
+    // One write to the plug-in and the meter; the meter's frames are counted
+    // to the input that they belong to, the padding's to none.
+    auto write = [&](int frames, int frame_bytes, size_t current) {
+        PrepareWriteBuffer(buffer, block);
+        if (with_plugin && !WriteBlock(module, buffer, frames * frame_bytes, error))
+            return false;
+        uint32_t out_frames = 0;
+        const float* processed =
+            MeterWrite(meter, buffer.data(), static_cast<uint32_t>(frames * frame_bytes), out_frames);
+        for (uint32_t f = 0; f < out_frames; ++f, ++metered_frames) {
+            while (attributed < current && metered_frames >= record.offset[attributed] + record.fed[attributed])
+                ++attributed;
+            if (metered_frames >= record.offset[attributed] &&
+                metered_frames < record.offset[attributed] + record.fed[attributed])
+                AddProcessedFrame(record.processed[attributed], processed + static_cast<size_t>(f) * kFrameSlots,
+                                  processor_bits);
+        }
+        return true;
+    };
+
+    for (size_t i = 0; i < count; ++i) {
         PcmSource& source = run.sources[i];
-        const std::string piece = context.work_folder + "/piece-" + std::to_string(i) + ".wav";
-        std::vector<RegValue> writer;
-        SetRegString(writer, "Out_File", piece);
-        if (!WriteRegKey(context.work_folder + "/" + kMakerKeyName + "/OutWav.reg", RegKeyPath(kMakerKeyName, "OutWav"),
-                         writer, error))
-            return false;
-        run.pieces.push_back(piece);
-
+        if (with_plugin) {
+            const std::string piece = context.work_folder + "/piece-" + std::to_string(i) + ".wav";
+            std::vector<RegValue> writer;
+            SetRegString(writer, "Out_File", piece);
+            if (!WriteRegKey(context.work_folder + "/" + kMakerKeyName + "/OutWav.reg",
+                             RegKeyPath(kMakerKeyName, "OutWav"), writer, error))
+                return false;
+            run.pieces.push_back(piece);
+        }
         if (request.reset_between && i > 0) {
-            SendHostCommand(*context.session, host::kCommandPlay);
+            if (with_plugin) {
+                ReportTrace("Play (the processor resets at the next Open)");
+                SendHostCommand(*context.session, host::kCommandPlay);
+            }
             segment = i;
+            attributed = i;
             stream_frames = 0;
+            metered_frames = 0;
         }
-        if (module->Open(source.rate, source.channels, source.bits, kBufferLengthMs, kPrebufferMs) < 0) {
-            error = "the processor could not open its output for " + source.path;
-            return false;
+        if (with_plugin) {
+            ReportTrace("Open " + std::to_string(source.rate) + " Hz, " + std::to_string(source.channels) +
+                        " channels of " + std::to_string(source.bits) + " bits (" + source.path + ")");
+            if (module->Open(source.rate, source.channels, source.bits, kBufferLengthMs, kPrebufferMs) < 0) {
+                error = "the processor could not open its output for " + request.input_names[i];
+                return false;
+            }
+            run.opened = true;
+            module->SetVolume(kFullVolume);
+            module->SetPan(kCentrePan);
         }
-        run.opened = true;
-        module->SetVolume(kFullVolume);
-        module->SetPan(kCentrePan);
+        OpenEngineMeter(meter, source.rate, source.channels, source.bits);
 
         const int frame_bytes = source.channels * source.bits / 8;
-        input_segment[i] = segment;
-        input_offset[i] = stream_frames;
+        record.segment[i] = segment;
+        record.offset[i] = stream_frames;
         for (;;) {
             if (RenderInterrupted) {
                 error = "interrupted";
@@ -408,20 +343,19 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
             }
             const int64_t got = ReadPcmBlock(source, kWriteFrames, block, &power);
             if (got < 0) {
-                error = "cannot read input " + source.path + ": " + sf_strerror(source.file);
+                error = "cannot read input " + request.input_names[i] + ": " + sf_strerror(source.file);
                 return false;
             }
             if (got == 0)
                 break;
-            PrepareWriteBuffer(buffer, block);
-            if (!WriteBlock(module, buffer, static_cast<int>(got) * frame_bytes, error))
+            record.fed[i] += static_cast<uint64_t>(got);
+            stream_frames += static_cast<uint64_t>(got);
+            if (!write(static_cast<int>(got), frame_bytes, i))
                 return false;
             for (double p : power) {
                 const double level = std::sqrt(p);
-                AddLevelFrame(input_levels, &level);
+                AddLevelFrame(record.levels[i], &level);
             }
-            input_frames[i] += static_cast<uint64_t>(got);
-            stream_frames += static_cast<uint64_t>(got);
             progress.frames_done += static_cast<uint64_t>(got);
             progress.audio_seconds += static_cast<double>(got) / source.rate;
             DrawProgress(progress, false);
@@ -431,7 +365,7 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
         // at the end of the play-list, before a Stop, which would drop it,
         // and before a file of another rate or channel count, which may pass
         // the convolver by while it still holds frames of this one.
-        const bool last = i + 1 == run.sources.size();
+        const bool last = i + 1 == count;
         const bool format_changes = !last && (run.sources[i + 1].rate != source.rate ||
                                               run.sources[i + 1].channels != source.channels);
         if (last || request.reset_between || format_changes) {
@@ -439,135 +373,458 @@ bool RunRender(const RenderRequest& request, RenderContext& context, RenderSumma
             while (padding > 0) {
                 const int frames = static_cast<int>(std::min<int64_t>(padding, kWriteFrames));
                 block.assign(static_cast<size_t>(frames) * frame_bytes, source.bits == 8 ? 128 : 0);
-                PrepareWriteBuffer(buffer, block);
-                if (!WriteBlock(module, buffer, frames * frame_bytes, error))
+                if (!write(frames, frame_bytes, i))
                     return false;
                 padding -= frames;
                 stream_frames += static_cast<uint64_t>(frames);
             }
         }
-        if (request.reset_between && !last)
-            SendHostCommand(*context.session, host::kCommandStop);
-        module->Close();
-        run.opened = false;
-        ClosePcmSource(source);
+        if (request.reset_between && !last) {
+            if (with_plugin) {
+                ReportTrace("Stop (the processor resets at Close)");
+                SendHostCommand(*context.session, host::kCommandStop);
+            }
+            ResetEngineMeter(meter);
+        }
+        if (with_plugin) {
+            ReportTrace("Close");
+            module->Close();
+            run.opened = false;
+        }
     }
-    module->Quit();
-    run.initialised = false;
+    if (with_plugin) {
+        ReportTrace("Quit");
+        module->Quit();
+        run.initialised = false;
+    }
+    ResetEngineMeter(meter);
+    return true;
+}
+
+// The word that an output follows when none was asked for: its first
+// input's, as far as the processor gives it.
+SampleWord InputWord(const PcmSource& source)
+{
+    if (source.file_float)
+        return SampleWord{32, true};
+    if (source.file_bits == 24 || source.file_bits == 32)
+        return SampleWord{source.file_bits, false};
+    return SampleWord{16, false};
+}
+
+}  // namespace
+
+bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& summary, std::string& error)
+{
+    summary = RenderSummary{};
+    const Clock::time_point start = Clock::now();
+    RunResources run;
+
+    // Every input must be readable before anything is written.
+    run.sources.resize(request.inputs.size());
+    uint64_t stated_frames = 0;
+    for (size_t i = 0; i < request.inputs.size(); ++i) {
+        if (!OpenPcmSource(request.inputs[i], run.sources[i], error)) {
+            if (request.input_names[i] != request.inputs[i])
+                error = "cannot read input " + request.input_names[i] + ": " + sf_strerror(nullptr);
+            return false;
+        }
+        if (run.sources[i].frames > 0)
+            stated_frames += static_cast<uint64_t>(run.sources[i].frames);
+    }
+    for (const OutputPlan& plan : request.outputs)
+        for (size_t input : plan.inputs)
+            if (run.sources[input].file_rate != run.sources[plan.inputs.front()].file_rate) {
+                error = "inputs of different sample rates cannot share the output " + plan.target.given +
+                        " (use -o DIR)";
+                return false;
+            }
+
+    // What each input becomes on its way in.
+    const int mode = EffectiveMode(request.settings);
+    const double gain = DbToGain(request.gain_db);
+    for (size_t i = 0; i < run.sources.size(); ++i) {
+        PcmSource& source = run.sources[i];
+        // With --normalize the gain is not known yet, and the words will be
+        // changed by it.
+        FeedPlan plan{request.mono_as_stereo, request.downmix, gain, !request.normalize, source.file_rate};
+        if (!PlanPcmSource(source, plan, error))
+            return false;
+        // The convolver takes stereo and four to six channels, at its rates
+        // only; anything else it leaves alone.
+        const bool convolved = mode == kModeHeadphone && source.channels != 1;
+        if (convolved && !IsHeadphoneRate(source.file_rate)) {
+            if (request.resample) {
+                plan.rate = kResampleRate;
+                if (!PlanPcmSource(source, plan, error))
+                    return false;
+                ReportNote(request.input_names[i] + " is at " + std::to_string(source.file_rate) +
+                           " Hz: the headphone mode works at 44100 to 48000 Hz, so it goes to the processor at " +
+                           std::to_string(kResampleRate) + " Hz and comes back to " +
+                           std::to_string(source.file_rate) + " Hz");
+            } else {
+                ReportWarning(request.input_names[i] + " is at " + std::to_string(source.file_rate) +
+                              " Hz, outside the headphone mode's 44100 to 48000 Hz: with --no-resample the "
+                              "processor passes it through unprocessed, louder than bypass");
+            }
+        }
+        if (source.channels == 5 && source.bits == 24)
+            ReportWarning(request.input_names[i] + ": the processor reads five channels of 24 bits on into its "
+                          "six-channel pass, from behind the block: the output is silent");
+        if (source.channels == 4 && source.bits == 32)
+            ReportWarning(request.input_names[i] + ": the processor reads four channels of 32 bits with a "
+                          "stride of five: the channels come out mixed up");
+    }
+
+    // The words: each output's own, and the processor's, which is at least
+    // as long as every input's and every output's, so that any shortening
+    // happens here, with dither.
+    int processor_bits = 16;
+    for (const PcmSource& source : run.sources)
+        processor_bits = std::max(processor_bits, source.bits);
+    for (OutputPlan& plan : request.outputs) {
+        if (plan.word.bits == 0) {
+            plan.word = InputWord(run.sources[plan.inputs.front()]);
+            if (!ContainerHolds(plan.container, plan.word)) {
+                plan.word = SampleWord{24, false};
+                ReportNote(plan.target.given + ": FLAC holds at most 24 bits, so it gets 24");
+            }
+        } else if (!ContainerHolds(plan.container, plan.word)) {
+            error = "cannot write " + plan.target.given + ": FLAC holds 16 or 24 bits";
+            return false;
+        }
+        processor_bits = std::max(processor_bits, plan.word.bits);
+    }
+    std::vector<RegValue> settings = request.settings;
+    SetRegDword(settings, "Out_Bits", processor_bits);
+    summary.processor_bits = processor_bits;
+
+    // The processor's private settings store for this run.
+    const std::string store = context.work_folder + "/" + kMakerKeyName + "/" + kProcessorKeyName + ".reg";
+    if (!WriteRegKey(store, RegKeyPath(kMakerKeyName, kProcessorKeyName), settings, error))
+        return false;
+
+    Progress progress{};
+    progress.enabled = request.show_progress;
+    progress.total_frames = stated_frames * (request.normalize ? 2 : 1);
+    progress.start = Clock::now();
+    double longest = 0.0;
+    for (const PcmSource& source : run.sources)
+        longest += source.frames > 0 ? static_cast<double>(source.frames) / source.file_rate : 0.0;
+    const double window_seconds = std::max(kShortestWindowSeconds, longest / kReportColumns);
+
+    EngineMeter meter;
+    PassRecord record;
+    summary.gain_db = request.gain_db;
+    if (request.normalize) {
+        // The first pass: the meter alone, at unity gain.
+        if (!RunPass(request, context, run, meter, false, processor_bits, window_seconds, progress, record, error))
+            return false;
+        double largest = 0.0;
+        double input_peak = 0.0;
+        const int keep = request.two_channel ? 2 : kFrameSlots;
+        for (size_t i = 0; i < run.sources.size(); ++i) {
+            for (int c = 0; c < keep; ++c)
+                largest = std::max(largest, record.processed[i].peak[c]);
+            input_peak = std::max(input_peak, run.sources[i].peak);
+        }
+        // The input's words hold full scale at most: a gain that would take
+        // the input past it is cut down to what fits.
+        summary.gain_db = largest > 0.0 ? kNormalizeTargetDb - OutputLevelDb(largest) : 0.0;
+        summary.gain_limit_db = input_peak > 0.0 ? -LevelDb(input_peak) : kGainLimitDb;
+        if (summary.gain_db > summary.gain_limit_db) {
+            summary.gain_db = summary.gain_limit_db;
+            summary.gain_limited = true;
+        }
+        summary.gain_db = std::max(-kGainLimitDb, std::min(kGainLimitDb, summary.gain_db));
+        for (PcmSource& source : run.sources) {
+            source.plan.gain = DbToGain(summary.gain_db);
+            if (!RewindPcmSource(source, error))
+                return false;
+        }
+    }
+    if (!RunPass(request, context, run, meter, true, processor_bits, window_seconds, progress, record, error))
+        return false;
     DrawProgress(progress, true);
+
+    summary.inputs.resize(run.sources.size());
+    for (size_t i = 0; i < run.sources.size(); ++i) {
+        const PcmSource& source = run.sources[i];
+        InputSummary& input = summary.inputs[i];
+        input.name = request.input_names[i];
+        input.file_rate = source.file_rate;
+        input.rate = source.rate;
+        input.channels = source.channels;
+        input.bits = source.bits;
+        input.frames = source.frames_read;
+        input.truncated = source.truncated || (source.frames > 0 && source.frames_read < static_cast<uint64_t>(source.frames));
+        input.input_overs = source.overs;
+        input.processed = record.processed[i];
+    }
 
     // Cut the outputs from the stream that came back.
     if (!OpenPieces(run.pieces, run.stream, error))
         return false;
-    const WavLayout& first_piece = run.stream.layouts.front();
-    const int out_bits = first_piece.format.bits;
-    const int keep_channels = request.two_channel ? std::min<int>(2, first_piece.format.channels) : first_piece.format.channels;
+    const int keep_channels = request.two_channel ? std::min(2, run.stream.channels) : run.stream.channels;
     // Every frame of every input must have come out before the next reset;
     // the silence behind them need not have.
     std::vector<uint64_t> input_start(run.sources.size());  // stream frame of each input's first frame
     for (size_t i = 0; i < run.sources.size(); ++i) {
-        input_start[i] = run.stream.first_frame[input_segment[i]] + input_offset[i];
+        input_start[i] = run.stream.first_frame[record.segment[i]] + record.offset[i];
         size_t next = i + 1;
-        while (next < run.sources.size() && input_segment[next] == input_segment[i])
+        while (next < run.sources.size() && record.segment[next] == record.segment[i])
             ++next;
         const uint64_t segment_end =
-            next < run.sources.size() ? run.stream.first_frame[input_segment[next]] : run.stream.total_frames;
-        if (input_start[i] + input_frames[i] > segment_end) {
-            error = "the processor gave back too few frames for " + run.sources[i].path;
+            next < run.sources.size() ? run.stream.first_frame[record.segment[next]] : run.stream.total_frames;
+        if (input_start[i] + record.fed[i] > segment_end) {
+            error = "the processor gave back too few frames for " + request.input_names[i];
             return false;
         }
     }
-    ChannelLevels stream_levels{};
-    InitLevels(stream_levels, keep_channels, window_frames);
-    for (size_t o = 0; o < request.outputs.size(); ++o) {
-        const OutputPlan& plan = request.outputs[o];
-        PendingFile& pending = run.outputs[o];
+
+    std::vector<ReportFile> report_files(run.sources.size());
+    std::vector<int32_t> words;
+    std::vector<double> samples;
+    std::vector<double> resampled;
+    for (OutputPlan& plan : request.outputs) {
         OutputSummary result{};
-        result.path = plan.path;
-        result.format = WavFormat{static_cast<uint32_t>(run.sources[plan.inputs.front()].rate),
-                                  static_cast<uint16_t>(keep_channels), static_cast<uint16_t>(out_bits)};
+        result.name = plan.target.given;
+        result.container = plan.container;
+        result.rate = run.sources[plan.inputs.front()].file_rate;
+        result.channels = keep_channels;
+        result.word = plan.word;
         InitLevels(result.levels, keep_channels, 0);
-        for (size_t input : plan.inputs)
-            result.frames += input_frames[input];
-        const uint64_t data_bytes = result.frames * WavFrameBytes(result.format);
-        if (data_bytes > kMaxWavDataBytes) {
-            error = plan.path + " would exceed the size limit of a WAV file";
+        bool any_resampled = false;
+        for (size_t input : plan.inputs) {
+            result.frames += run.sources[input].frames_read;
+            any_resampled = any_resampled || run.sources[input].rate != run.sources[input].file_rate;
+            for (int c = 0; c < keep_channels; ++c) {
+                result.peak[c] = std::max(result.peak[c], record.processed[input].peak[c]);
+                result.overs[c] += record.processed[input].overs[c];
+            }
+        }
+        result.dithered = request.dither && !plan.word.floating && (plan.word.bits < processor_bits || any_resampled);
+        const uint64_t data_bytes = result.frames * static_cast<uint64_t>(keep_channels * WordBytes(plan.word));
+        result.format = SoundFileFormat(plan.container, plan.word, keep_channels, data_bytes);
+        if (!PrepareTarget(plan.target, context.work_folder, error) ||
+            !OpenSoundWriter(plan.target.temporary, result.format, result.rate, keep_channels, plan.word,
+                             result.dithered, run.writer, error)) {
+            if (!error.empty() && error.find(plan.target.given) == std::string::npos)
+                error = "cannot write " + plan.target.given + ": " + error;
             return false;
         }
-        std::vector<uint8_t> header = WavHeader(result.format, static_cast<uint32_t>(data_bytes));
-        if (std::fwrite(header.data(), 1, header.size(), pending.file) != header.size()) {
-            error = "cannot write " + plan.path + ": " + std::strerror(errno);
-            return false;
-        }
-        for (size_t input : plan.inputs)
-            if (!CopyStreamFrames(run.stream, input_start[input], input_frames[input], out_bits, keep_channels,
-                                  pending.file, result.levels, stream_levels, error))
+        for (size_t input : plan.inputs) {
+            const PcmSource& source = run.sources[input];
+            ReportFile& file = report_files[input];
+            file.name = request.input_names[input];
+            file.output_rate = source.file_rate;
+            file.processor_rate = source.rate;
+            file.input = record.levels[input];
+            file.processed = record.processed[input];
+            InitLevels(file.output, keep_channels, WindowFrames(window_seconds, source.file_rate));
+            const bool resampling = source.rate != source.file_rate;
+            Resampler back{};
+            if (resampling && !OpenResampler(back, source.rate, source.file_rate, keep_channels, error))
                 return false;
-        if (data_bytes & 1u)
-            std::fputc(0, pending.file);
+            uint64_t emitted = 0;
+            auto emit = [&](std::vector<double>& frames_in) {
+                size_t frames = frames_in.size() / static_cast<size_t>(keep_channels);
+                frames = static_cast<size_t>(std::min<uint64_t>(frames, source.frames_read - emitted));
+                if (frames == 0)
+                    return true;
+                if (!WriteSoundFrames(run.writer, frames_in.data(), frames, error))
+                    return false;
+                for (size_t f = 0; f < frames; ++f) {
+                    AddLevelFrame(result.levels, &frames_in[f * static_cast<size_t>(keep_channels)]);
+                    AddLevelFrame(file.output, &frames_in[f * static_cast<size_t>(keep_channels)]);
+                }
+                emitted += frames;
+                return true;
+            };
+            for (uint64_t done = 0; done < record.fed[input];) {
+                const uint64_t run_frames = std::min(kCopyFrames, record.fed[input] - done);
+                if (!ReadStreamFrames(run.stream, input_start[input] + done, run_frames, keep_channels, words,
+                                      samples, error))
+                    return false;
+                done += run_frames;
+                if (resampling) {
+                    resampled.clear();
+                    ResampleBlock(back, samples.data(), static_cast<size_t>(run_frames), resampled);
+                    if (!emit(resampled))
+                        return false;
+                } else if (!emit(samples)) {
+                    return false;
+                }
+            }
+            if (resampling) {
+                resampled.clear();
+                FinishResampling(back, source.frames_read, resampled);
+                CloseResampler(back);
+                if (!emit(resampled))
+                    return false;
+            }
+        }
+        for (int c = 0; c < keep_channels; ++c)
+            result.overs[c] += run.writer.overs[static_cast<size_t>(c)];
+        if (!CloseSoundWriter(run.writer, error)) {
+            error = "cannot write " + plan.target.given + ": " + error;
+            return false;
+        }
         summary.outputs.push_back(result);
     }
 
-    if (!request.report.empty()) {
-        PendingFile& pending = run.outputs.back();
-        const std::string svg = LevelReportSvg(input_levels, stream_levels, window_frames,
-                                               run.sources.front().rate, request.two_channel);
-        if (std::fwrite(svg.data(), 1, svg.size(), pending.file) != svg.size()) {
-            error = "cannot write " + request.report + ": " + std::strerror(errno);
+    if (request.report != nullptr) {
+        if (!PrepareTarget(*request.report, context.work_folder, error) ||
+            !WriteLevelReport(request.report->temporary, request.report->given, report_files, request.two_channel,
+                              error))
             return false;
-        }
     }
 
     if (RenderInterrupted) {
         error = "interrupted";
         return false;
     }
-
-    // All written: close and give the files their names.
-    for (PendingFile& pending : run.outputs) {
-        const bool closed = std::fclose(pending.file) == 0;
-        pending.file = nullptr;
-        if (!closed) {
-            error = "cannot write " + pending.final_path + ": " + std::strerror(errno);
-            return false;
-        }
-    }
-    for (PendingFile& pending : run.outputs) {
-        if (std::rename(pending.temporary_path.c_str(), pending.final_path.c_str()) != 0) {
-            error = "cannot write " + pending.final_path + ": " + std::strerror(errno);
-            return false;
-        }
-        pending.temporary_path.clear();
-    }
-    run.outputs.clear();
-
-    for (uint64_t frames : input_frames)
-        summary.input_frames += frames;
-    summary.audio_seconds = progress.audio_seconds;
+    for (const PcmSource& source : run.sources)
+        summary.input_frames += source.frames_read;
+    summary.audio_seconds = progress.audio_seconds / (request.normalize ? 2.0 : 1.0);
     summary.wall_seconds = Seconds(start);
     return true;
 }
 
+bool CommitOutputs(RenderRequest& request, std::string& error)
+{
+    for (OutputPlan& plan : request.outputs)
+        if (!CommitTarget(plan.target, error))
+            return false;
+    if (request.report != nullptr && !CommitTarget(*request.report, error))
+        return false;
+    return true;
+}
+
+void DiscardOutputs(RenderRequest& request)
+{
+    for (OutputPlan& plan : request.outputs)
+        DiscardTarget(plan.target);
+    if (request.report != nullptr)
+        DiscardTarget(*request.report);
+}
+
+uint64_t TotalOvers(const RenderSummary& summary)
+{
+    uint64_t total = 0;
+    for (const OutputSummary& output : summary.outputs)
+        for (int c = 0; c < output.channels; ++c)
+            total += output.overs[c];
+    return total;
+}
+
+uint64_t InputOvers(const RenderSummary& summary)
+{
+    uint64_t total = 0;
+    for (const InputSummary& input : summary.inputs)
+        total += input.input_overs;
+    return total;
+}
+
+double SuggestedGainDb(const RenderSummary& summary)
+{
+    double largest = 0.0;
+    for (const OutputSummary& output : summary.outputs)
+        for (int c = 0; c < output.channels; ++c)
+            largest = std::max(largest, output.peak[c]);
+    if (largest <= 0.0)
+        return 0.0;
+    const double gain = summary.gain_db + kNormalizeTargetDb - OutputLevelDb(largest);
+    return std::floor(gain * 10.0) / 10.0;
+}
+
+namespace {
+
+constexpr const char* kSpeakerNames[6] = {"L", "R", "C", "LFE", "SL", "SR"};
+
+const char* ContainerLabel(int format)
+{
+    switch (format & SF_FORMAT_TYPEMASK) {
+    case SF_FORMAT_WAV: return "WAV";
+    case SF_FORMAT_WAVEX: return "WAV (extensible)";
+    case SF_FORMAT_RF64: return "RF64";
+    case SF_FORMAT_W64: return "W64";
+    case SF_FORMAT_FLAC: return "FLAC";
+    case SF_FORMAT_CAF: return "CAF";
+    default: return "?";
+    }
+}
+
+std::string WordLabel(SampleWord word)
+{
+    return word.floating ? std::string("32-bit float") : std::to_string(word.bits) + " bits";
+}
+
+std::string SignedDb(double db)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%+.1f", db);
+    return text;
+}
+
+}  // namespace
+
 void PrintSummary(const RenderSummary& summary, std::FILE* out)
 {
     const double speed = summary.wall_seconds > 0.0 ? summary.audio_seconds / summary.wall_seconds : 0.0;
+    if (summary.gain_db != 0.0 || summary.gain_limited)
+        std::fprintf(out, "gain before the processor: %s dB%s\n", SignedDb(summary.gain_db).c_str(),
+                     summary.gain_limited ? " (as much as the inputs' peaks allow)" : "");
+    for (const InputSummary& input : summary.inputs)
+        if (input.rate != input.file_rate)
+            std::fprintf(out, "%s: resampled to %d Hz for the processor and back to %d Hz\n", input.name.c_str(),
+                         input.rate, input.file_rate);
     for (const OutputSummary& result : summary.outputs) {
-        const double seconds = static_cast<double>(result.frames) / result.format.rate;
-        std::fprintf(out, "%s: %llu frames, %.3f s, %d channels of %d bits at %u Hz\n", result.path.c_str(),
-                     static_cast<unsigned long long>(result.frames), seconds, result.format.channels,
-                     result.format.bits, result.format.rate);
+        const double seconds = static_cast<double>(result.frames) / result.rate;
+        std::fprintf(out, "%s: %llu frames, %.3f s, %d channels of %s at %d Hz, %s%s\n", result.name.c_str(),
+                     static_cast<unsigned long long>(result.frames), seconds, result.channels,
+                     WordLabel(result.word).c_str(), result.rate, ContainerLabel(result.format),
+                     result.dithered ? ", dithered" : "");
         std::fprintf(out, "  %-10s", "channel");
-        for (int c = 0; c < result.levels.channels; ++c)
+        for (int c = 0; c < result.channels; ++c)
             std::fprintf(out, "%7s", c < 6 ? kSpeakerNames[c] : "?");
         std::fprintf(out, "\n  %-10s", "peak dBFS");
-        for (int c = 0; c < result.levels.channels; ++c)
-            std::fprintf(out, "%s", FormatDb(PeakDb(result.levels, c), 7).c_str());
+        for (int c = 0; c < result.channels; ++c)
+            std::fprintf(out, "%s", FormatDb(OutputLevelDb(result.peak[c]), 7).c_str());
         std::fprintf(out, "\n  %-10s", "RMS dBFS");
         for (int c = 0; c < result.levels.channels; ++c)
             std::fprintf(out, "%s", FormatDb(RmsDb(result.levels, c), 7).c_str());
+        std::fprintf(out, "\n  %-10s", "clipped");
+        for (int c = 0; c < result.channels; ++c)
+            std::fprintf(out, "%7llu", static_cast<unsigned long long>(result.overs[c]));
         std::fprintf(out, "\n");
     }
+    if (TotalOvers(summary) > 0)
+        std::fprintf(out, "suggested gain: --gain %.1f (or --normalize)\n", SuggestedGainDb(summary));
     std::fprintf(out, "%llu frames (%.3f s of audio) in %.2f s: %.1fx real time\n",
                  static_cast<unsigned long long>(summary.input_frames), summary.audio_seconds, summary.wall_seconds,
                  speed);
+}
+
+void ReportOvers(const RenderSummary& summary)
+{
+    for (const InputSummary& input : summary.inputs)
+        if (input.input_overs > 0)
+            ReportWarning(input.name + ": " + std::to_string(input.input_overs) +
+                          " samples went over full scale with the gain and were limited to it");
+    bool any = false;
+    for (const OutputSummary& output : summary.outputs)
+        for (int c = 0; c < output.channels; ++c) {
+            if (output.overs[c] == 0)
+                continue;
+            any = true;
+            ReportWarning(output.name + ": clipped " + std::to_string(output.overs[c]) + " samples in " +
+                          kSpeakerNames[c] + " (peak " + SignedDb(OutputLevelDb(output.peak[c])) +
+                          " dBFS before the output conversion, where overs wrap to the other extreme)");
+        }
+    if (any) {
+        char text[96];
+        std::snprintf(text, sizeof text, "suggested gain: --gain %.1f (or --normalize)", SuggestedGainDb(summary));
+        ReportWarning(text);
+    }
 }

@@ -1,5 +1,5 @@
 // One run of the renderer: a play-list played through the processor into
-// WAV files, as a player would play it.
+// files, as a player would play it.
 //
 // The processor is driven through its record: Init, then per file Open,
 // Write in blocks of 576 frames and Close, and Quit at the end. It is chained
@@ -7,19 +7,30 @@
 // The pieces together are the processor's output stream, frame for frame
 // the stream that went in; the outputs are cut from it at the inputs'
 // boundaries, so each has its input's exact length, whatever the headphone
-// convolver held back over a track change. Outputs are written under
-// temporary names and renamed only when everything has succeeded.
+// convolver held back over a track change.
+//
+// Beside the plug-in an engine of the renderer's own gets the same writes,
+// so that the levels before the output conversion, which the PCM can no
+// longer show, are known: the samples that went over full scale, and the
+// largest level, from which --normalize takes its gain in a first pass
+// through that engine alone.
+//
+// Outputs are written under temporary names and reach their places only
+// when everything has succeeded.
 #pragma once
 
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "hosts/render/levels.h"
+#include "hosts/render/output_target.h"
 #include "hosts/render/plugin_host.h"
+#include "hosts/render/render_options.h"
+#include "hosts/render/sound_file.h"
 #include "platform/posix/reg_file.h"
-#include "hosts/render/wav_file.h"
 
 // Set by the signal handler; the run stops at the next block.
 extern volatile std::sig_atomic_t RenderInterrupted;
@@ -36,33 +47,71 @@ constexpr int kMaxWriteFrames = 8192;
 constexpr int kConvolverBlockFrames = 8192;
 constexpr int kEndPaddingFrames = kConvolverBlockFrames;
 
+// Where --normalize puts the largest level before the output conversion.
+constexpr double kNormalizeTargetDb = -0.1;
+
 struct OutputPlan {
-    std::string path;            // final file name
+    OutputTarget target;         // where it goes
     std::vector<size_t> inputs;  // indices of the inputs that go into it, in play-list order
+    Container container;         // the file's type
+    SampleWord word;             // its word; bits 0 to follow its first input
 };
 
 struct RenderRequest {
-    std::vector<std::string> inputs;  // the play-list
-    std::vector<OutputPlan> outputs;  // every input in exactly one output
-    std::vector<RegValue> settings;   // the processor's settings key for this run; Out_Plug names out_wav
-    bool two_channel;                 // keep only L and R
-    bool reset_between;               // Stop and Play between files
-    bool show_progress;               // progress bar on standard error
-    std::string report;               // level picture (SVG) to write, or empty
+    std::vector<std::string> inputs;       // the play-list, as files to read
+    std::vector<std::string> input_names;  // the same, as the user named them
+    std::vector<OutputPlan> outputs;       // every input in exactly one output
+    std::vector<RegValue> settings;        // the processor's key for this run; Out_Plug names out_wav;
+                                           // the run sets Out_Bits
+    bool mono_as_stereo;                   // feed mono files as two equal channels
+    bool downmix;                          // fold 3, 7 or 8 channels
+    bool resample;                         // the headphone mode off its rates goes through 48 kHz
+    double gain_db;                        // before the processor
+    bool normalize;                        // choose gain_db in a first pass
+    bool dither;                           // TPDF dither when a word gets shorter
+    bool two_channel;                      // keep only L and R
+    bool reset_between;                    // Stop and Play between files
+    bool show_progress;                    // progress bar on standard error
+    OutputTarget* report;                  // level picture (.svg or .png), or null
+};
+
+// What happened to one input on its way through.
+struct InputSummary {
+    std::string name;           // as the user named it
+    int file_rate;              // its own rate
+    int rate;                   // the rate the processor got
+    int channels;               // the channels the processor got
+    int bits;                   // the depth the processor got
+    uint64_t frames;            // frames read from it
+    bool truncated;             // it held less than its header said
+    uint64_t input_overs;       // samples limited to full scale after the gain or the mix
+    OverCounts processed;       // before the output conversion, at the processor's rate
 };
 
 struct OutputSummary {
-    std::string path;        // final file name
-    WavFormat format;        // as written
-    uint64_t frames;         // frames in the file
-    ChannelLevels levels;    // over the whole file
+    std::string name;           // as the user named it
+    Container container;
+    int format;                 // libsndfile's format as written
+    int rate;
+    int channels;
+    SampleWord word;
+    bool dithered;              // the words were shortened with dither
+    uint64_t frames;            // frames in the file
+    ChannelLevels levels;       // of the samples in the file
+    double peak[6];             // largest level before the conversion, per channel
+    uint64_t overs[6];          // samples over full scale, per channel
 };
 
 struct RenderSummary {
+    std::vector<InputSummary> inputs;
     std::vector<OutputSummary> outputs;
-    uint64_t input_frames;   // frames read from all inputs
-    double audio_seconds;    // their duration
-    double wall_seconds;     // time the run took
+    int processor_bits;         // Out_Bits handed to the processor
+    double gain_db;             // the gain applied before the processor
+    double gain_limit_db;       // with --normalize: the most that the inputs' peaks allowed
+    bool gain_limited;          // --normalize wanted more than that
+    uint64_t input_frames;      // frames read from all inputs
+    double audio_seconds;       // their duration
+    double wall_seconds;        // time the run took
 };
 
 struct RenderContext {
@@ -74,10 +123,29 @@ struct RenderContext {
 constexpr const char* kMakerKeyName = "Morrowfen";
 constexpr const char* kProcessorKeyName = "Kelvane";
 
-// Runs the request. False with a one-line `error`; then no output file of the
-// request exists.
-bool RunRender(const RenderRequest& request, RenderContext& context, RenderSummary& summary, std::string& error);
+// Runs the request and leaves the outputs finished under their temporary
+// names, each plan's word decided. False with a one-line `error`; then no
+// output of the request is in its place.
+bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& summary, std::string& error);
 
+// Puts the finished outputs in their places. False with `error`.
+bool CommitOutputs(RenderRequest& request, std::string& error);
+
+// Removes whatever of the outputs is still under a temporary name.
+void DiscardOutputs(RenderRequest& request);
+
+// The samples over full scale in all outputs.
+uint64_t TotalOvers(const RenderSummary& summary);
+
+// The input samples that the gain or a downmix took past full scale.
+uint64_t InputOvers(const RenderSummary& summary);
+
+// The gain in dB, rounded down to a tenth, that brings the largest level
+// before the conversion in `summary` to kNormalizeTargetDb.
+double SuggestedGainDb(const RenderSummary& summary);
 
 // Prints the closing summary of a run to `out`.
 void PrintSummary(const RenderSummary& summary, std::FILE* out);
+
+// The warnings about clipped samples, one line per channel and output.
+void ReportOvers(const RenderSummary& summary);

@@ -1,30 +1,31 @@
 // The command line of kelvane-render.
 #include "hosts/render/render_options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
+#include "signal/mode.h"
+#include "signal/processor.h"
+
 namespace {
 
-constexpr int kModeCount = 6;
-
-constexpr const char* kModeLabels[kModeCount] = {
-    "Bypass",
-    "Kelvane+C (3/1) = L,R,C,S",
-    "Kelvane-AS (3/1) = L,R,C,S",
-    "Kelvane-ASr (3/2) = L,R,C,SL,SR",
-    "Kelvane Headphone (2/0) = L,R",
-    "Kelvane Encode (2/0) = L,R",
+// What --mode takes and --help and the demo show.
+constexpr const char* kModeNames[kModeCount] = {
+    "bypass", "kelvane+c", "as", "asr", "headphone", "encode",
 };
 
-constexpr const char* kModeShortNames[kModeCount] = {
+// The same for file names, where a plus sign is unwelcome.
+constexpr const char* kModeFileNames[kModeCount] = {
     "bypass", "plus-c", "as", "asr", "headphone", "encode",
 };
 
-// Defaults of the processor for values that the store does not hold.
-constexpr int kDefaultMode = 3;
-constexpr int kDefaultOutBits = 16;
+// The processor's defaults for values that the store does not hold, in the
+// order of its key.
+#define KELVANE_SETTING_DEFAULT(name, fallback) {#name, fallback},
+const std::vector<SettingDefault> kSettingDefaults = {KELVANE_NUMBER_SETTINGS(KELVANE_SETTING_DEFAULT)};
+constexpr int kDefaultMode = kModeSteeredTwoSurround;  // the default of Mode
 
 // An option that sets one integer setting within the dialog's range.
 struct RangeOption {
@@ -127,9 +128,40 @@ const char* ModeLabel(int mode)
     return mode >= 0 && mode < kModeCount ? kModeLabels[mode] : "?";
 }
 
-const char* ModeShortName(int mode)
+const char* ModeName(int mode)
 {
-    return mode >= 0 && mode < kModeCount ? kModeShortNames[mode] : "?";
+    return mode >= 0 && mode < kModeCount ? kModeNames[mode] : "?";
+}
+
+const char* ModeFileName(int mode)
+{
+    return mode >= 0 && mode < kModeCount ? kModeFileNames[mode] : "?";
+}
+
+const std::vector<SettingDefault>& ProcessorSettingDefaults()
+{
+    return kSettingDefaults;
+}
+
+std::vector<SettingInForce> SettingsInForce(const std::vector<RegValue>& saved,
+                                            const std::vector<SettingOverride>& overrides)
+{
+    std::vector<SettingInForce> settings;
+    for (const SettingDefault& setting : kSettingDefaults) {
+        SettingInForce entry{setting.name, setting.value, "default"};
+        const RegValue* value = FindRegValue(saved, setting.name);
+        if (value != nullptr && value->is_dword) {
+            entry.value = static_cast<int32_t>(value->dword);
+            entry.source = "saved";
+        }
+        for (const SettingOverride& option : overrides)
+            if (option.name == setting.name) {
+                entry.value = option.value;
+                entry.source = "option";
+            }
+        settings.push_back(entry);
+    }
+    return settings;
 }
 
 int ParseModeName(const std::string& text)
@@ -161,10 +193,15 @@ int ParseModeName(const std::string& text)
 bool ParseRenderArgs(int argc, const char* const* argv, RenderOptions& options, std::string& error)
 {
     options = RenderOptions{};
+    options.dither = true;
+    options.resample = true;
     std::vector<std::string> positional;
     bool options_end = false;
+    bool yes = false;
+    bool no = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
+        // "-" alone is standard input or output, not an option.
         if (options_end || arg.size() < 2 || arg[0] != '-') {
             positional.push_back(arg);
             continue;
@@ -195,21 +232,45 @@ bool ParseRenderArgs(int argc, const char* const* argv, RenderOptions& options, 
             out = argv[++i];
             return true;
         };
+        // A switch: true when `name` is one and takes no value.
+        auto is_switch = [&](const char* option, bool& flag, bool state) {
+            if (name != option)
+                return false;
+            flag = state;
+            return true;
+        };
         std::string text;
 
-        if (name == "-h" || name == "--help") {
-            options.help = true;
-        } else if (name == "--version") {
-            options.version = true;
-        } else if (name == "-q" || name == "--quiet") {
-            options.quiet = true;
-        } else if (name == "--two-channel") {
-            options.two_channel = true;
-        } else if (name == "--reset-between") {
-            options.reset_between = true;
+        if (is_switch("-h", options.help, true) || is_switch("--help", options.help, true) ||
+            is_switch("--version", options.version, true) || is_switch("-q", options.quiet, true) ||
+            is_switch("--quiet", options.quiet, true) || is_switch("-v", options.verbose, true) ||
+            is_switch("--verbose", options.verbose, true) || is_switch("-y", yes, true) ||
+            is_switch("-n", no, true) || is_switch("--two-channel", options.two_channel, true) ||
+            is_switch("--reset-between", options.reset_between, true) ||
+            is_switch("--gapless", options.gapless, true) ||
+            is_switch("--mono-as-stereo", options.mono_as_stereo, true) ||
+            is_switch("--downmix", options.downmix, true) ||
+            is_switch("--no-resample", options.resample, false) ||
+            is_switch("--no-dither", options.dither, false) ||
+            is_switch("--normalize", options.normalize, true) ||
+            is_switch("--fail-on-clip", options.fail_on_clip, true)) {
+            if (has_inline) {
+                error = name + " takes no value";
+                return false;
+            }
         } else if (name == "-o" || name == "--output-dir") {
             if (!value(options.output_dir))
                 return false;
+        } else if (name == "-j" || name == "--jobs") {
+            if (!value(text))
+                return false;
+            char* end = nullptr;
+            const long jobs = std::strtol(text.c_str(), &end, 10);
+            if (text.empty() || *end != '\0' || jobs < 1 || jobs > kMaxJobs) {
+                error = name + ": give a number of processes from 1 to " + std::to_string(kMaxJobs);
+                return false;
+            }
+            options.jobs = static_cast<int>(jobs);
         } else if (name == "--report") {
             if (!value(options.report))
                 return false;
@@ -222,6 +283,27 @@ bool ParseRenderArgs(int argc, const char* const* argv, RenderOptions& options, 
         } else if (name == "--out-wav") {
             if (!value(options.out_wav))
                 return false;
+        } else if (name == "--format") {
+            if (!value(text))
+                return false;
+            options.format = Lower(text);
+            if (options.format != "wav" && options.format != "w64" && options.format != "rf64" &&
+                options.format != "flac" && options.format != "caf") {
+                error = "--format: unknown format '" + text + "' (use wav, w64, rf64, flac or caf)";
+                return false;
+            }
+        } else if (name == "--gain") {
+            if (!value(text))
+                return false;
+            char* end = nullptr;
+            errno = 0;
+            const double db = std::strtod(text.c_str(), &end);
+            if (text.empty() || *end != '\0' || errno != 0 || !(db >= -kGainLimitDb && db <= kGainLimitDb)) {
+                error = "--gain: '" + text + "' is not a number of decibels from -60 to 60";
+                return false;
+            }
+            options.gain_db = db;
+            options.has_gain = true;
         } else if (name == "--mode") {
             if (!value(text))
                 return false;
@@ -236,11 +318,14 @@ bool ParseRenderArgs(int argc, const char* const* argv, RenderOptions& options, 
             int32_t bits = 0;
             if (!value(text))
                 return false;
-            if (!ParseInt(text, bits) || (bits != 16 && bits != 24 && bits != 32)) {
-                error = "--out-bits: '" + text + "' is not 16, 24 or 32";
+            if (Lower(text) == "float") {
+                options.out_word = SampleWord{32, true};
+            } else if (ParseInt(text, bits) && (bits == 16 || bits == 24 || bits == 32)) {
+                options.out_word = SampleWord{bits, false};
+            } else {
+                error = "--out-bits: '" + text + "' is not 16, 24, 32 or float";
                 return false;
             }
-            Override(options, "Out_Bits", bits);
         } else if (name == "--bass-redir") {
             int32_t hertz = 0;
             if (!value(text))
@@ -293,6 +378,24 @@ bool ParseRenderArgs(int argc, const char* const* argv, RenderOptions& options, 
 
     if (options.help || options.version)
         return true;
+    if (yes && no) {
+        error = "-y and -n contradict each other";
+        return false;
+    }
+    options.overwrite = yes ? Overwrite::Always : (no ? Overwrite::Never : Overwrite::Ask);
+    if (options.quiet && options.verbose) {
+        error = "-q and -v contradict each other";
+        return false;
+    }
+    if (options.normalize && options.has_gain) {
+        error = "--gain and --normalize contradict each other (--normalize chooses the gain)";
+        return false;
+    }
+    if (options.out_word.bits != 0 && options.format == "flac" &&
+        (options.out_word.floating || options.out_word.bits > 24)) {
+        error = "--out-bits: FLAC holds 16 or 24 bits";
+        return false;
+    }
     if (!options.demo_dir.empty()) {
         if (!positional.empty() || !options.output_dir.empty()) {
             error = "--demo DIR takes no input or output files";
@@ -306,15 +409,20 @@ bool ParseRenderArgs(int argc, const char* const* argv, RenderOptions& options, 
             return false;
         }
         options.inputs = positional;
-        return true;
+    } else {
+        if (positional.size() < 2) {
+            error = positional.empty() ? "no input file (see --help)"
+                                       : "no output file (give INPUT... OUTPUT or -o DIR)";
+            return false;
+        }
+        options.output = positional.back();
+        positional.pop_back();
+        options.inputs = positional;
     }
-    if (positional.size() < 2) {
-        error = positional.empty() ? "no input file (see --help)" : "no output file (give INPUT... OUTPUT or -o DIR)";
+    if (std::count(options.inputs.begin(), options.inputs.end(), "-") > 1) {
+        error = "standard input can be read only once";
         return false;
     }
-    options.output = positional.back();
-    positional.pop_back();
-    options.inputs = positional;
     return true;
 }
 
@@ -330,48 +438,92 @@ int EffectiveMode(const std::vector<RegValue>& values)
     return value != nullptr && value->is_dword ? static_cast<int32_t>(value->dword) : kDefaultMode;
 }
 
-int EffectiveOutBits(const std::vector<RegValue>& values)
+std::string RenderUsage(const std::string& settings_file)
 {
-    const RegValue* value = FindRegValue(values, "Out_Bits");
-    return value != nullptr && value->is_dword ? static_cast<int32_t>(value->dword) : kDefaultOutBits;
-}
-
-const char* RenderUsage()
-{
-    return
-        "usage: kelvane-render [options] INPUT... OUTPUT.wav\n"
+    std::string text =
+        "usage: kelvane-render [options] INPUT... OUTPUT\n"
         "       kelvane-render [options] -o DIR INPUT...\n"
         "       kelvane-render [options] --demo DIR\n"
         "\n"
         "Plays audio files through the Kelvane processor (out_kelvane.so) the way a\n"
         "player does and writes what comes out: six channels L, R, C, LFE, SL, SR.\n"
         "Several inputs are one play-list; with one OUTPUT they are joined in it,\n"
-        "with -o DIR each input gets DIR/NAME.wav. Any format libsndfile reads.\n"
+        "with -o DIR each input gets DIR/NAME.EXT. Any format libsndfile reads;\n"
+        "'-' reads standard input or writes standard output.\n"
         "\n"
-        "Settings, for this run only (without them the saved settings apply):\n"
-        "  --mode N|NAME          0 bypass, 1 kelvane+c, 2 as, 3 asr, 4 headphone, 5 encode\n"
-        "  --out-bits 16|24|32    output word size\n"
-        "  --surround-delay MS    surround delay, 0 to 100 ms\n"
-        "  --centre-width PCT     centre width, 0 to 100 %\n"
-        "  --centre-trim DB       centre level, -12 to 12 dB\n"
-        "  --surround-trim DB     surround level, -12 to 12 dB\n"
-        "  --bass-redir HZ|off    redirect bass below HZ (10 to 200) into LFE, or not\n"
-        "  --bass-trim DB         redirected bass level, -12 to 12 dB\n"
-        "  --bass-invert          invert the redirected bass (--no-bass-invert)\n"
-        "  --virtual-centre       fold the centre into left and right (--no-virtual-centre)\n"
+        "Settings, for this run only (without them the saved settings apply, and\n"
+        "without those the processor's defaults, shown in brackets):\n"
+        "  --mode N|NAME          0 bypass, 1 kelvane+c, 2 as, 3 asr, 4 headphone,\n"
+        "                         5 encode [asr]\n"
+        "  --surround-delay MS    surround delay, 0 to 100 ms [10]\n"
+        "  --centre-width PCT     centre width, 0 to 100 % [0]\n"
+        "  --centre-trim DB       centre level, -12 to 12 dB [0]\n"
+        "  --surround-trim DB     surround level, -12 to 12 dB [0]\n"
+        "  --bass-redir HZ|off    redirect bass below HZ (10 to 200) into LFE, or not [off, 120]\n"
+        "  --bass-trim DB         redirected bass level, -12 to 12 dB [0]\n"
+        "  --bass-invert          invert the redirected bass (--no-bass-invert) [no]\n"
+        "  --virtual-centre       fold the centre into left and right (--no-virtual-centre) [no]\n"
         "  --mute LIST            speakers off, from L,R,C,SL,SR; the others on; 'none' for all on\n"
         "\n"
-        "Rendering:\n"
-        "  -o DIR                 one output file per input, in DIR\n"
+        "Levels:\n"
+        "  --gain DB              gain before the processor, -60 to 60 dB [0]\n"
+        "  --normalize            two passes: the loudest sample before the output\n"
+        "                         conversion ends at -0.1 dBFS\n"
+        "  --fail-on-clip         fail (status 3, nothing written) when a sample goes\n"
+        "                         over full scale; without it the render is written\n"
+        "                         and the clipped samples are reported\n"
+        "\n"
+        "Output:\n"
+        "  -o DIR                 one output file per input, in DIR, each from a reset\n"
+        "                         processor\n"
+        "  -y                     replace existing output files\n"
+        "  -n                     never replace them (without -y or -n: ask on a\n"
+        "                         terminal, refuse otherwise)\n"
+        "  --format NAME          wav, w64, rf64, flac or caf [by the extension of OUTPUT;\n"
+        "                         wav for '-' and -o DIR]\n"
+        "  --out-bits 16|24|32|float  output word [the saved Out_Bits, else the input's:\n"
+        "                         8 and 16 bits give 16, 24 gives 24, 32 gives 32, float\n"
+        "                         gives float, compressed sources 16]\n"
+        "  --no-dither            shorten words without TPDF dither\n"
         "  --two-channel          keep only L and R (for the headphone and encode modes)\n"
-        "  --reset-between        press Stop and Play between the files of the play-list\n"
-        "  --report FILE.svg      draw the input and output levels over time\n"
-        "  -q                     no progress bar\n"
+        "  --report FILE          levels over time, clipped samples and file boundaries\n"
+        "                         as FILE.svg or FILE.png\n"
+        "\n"
+        "Input:\n"
+        "  --mono-as-stereo       feed a mono file as two equal channels (decoded to C)\n"
+        "  --downmix              fold 3 channels to 2, 7 or 8 channels to 5.1\n"
+        "  --no-resample          headphone mode below 44100 or above 48000 Hz: pass the\n"
+        "                         input through unprocessed (without it: through 48000 Hz)\n"
+        "  --gapless              with -o DIR: run on from file to file like a play-list\n"
+        "  --reset-between        press Stop and Play between the files of a play-list\n"
+        "  -j N                   with -o DIR, N processes render the files side by side\n"
+        "                         [1]; files that run on into each other (--gapless),\n"
+        "                         --normalize, --fail-on-clip and --report keep one\n"
+        "                         process\n"
+        "\n"
+        "Messages:\n"
+        "  -q                     errors only\n"
+        "  -v                     also the processor's messages and the player's calls\n"
         "  --plugin PATH          the processor to load (default: $KELVANE_PLUGIN, else\n"
-        "                         out_kelvane.so beside this program, else in its build)\n"
-        "  --out-wav PATH         the WAV writer plug-in (default: beside this program)\n"
+        "                         out_kelvane.so beside this program, in ../lib/kelvane,\n"
+        "                         or in its build)\n"
+        "  --out-wav PATH         the writer plug-in behind it (default: found the same way)\n"
         "  --demo DIR             render a built-in test scene in every mode into DIR\n"
         "                         and print its levels per mode and segment\n"
         "  -h, --help             this text\n"
-        "  --version              the version\n";
+        "  --version              the version\n"
+        "\n"
+        "Saved settings: ";
+    text += settings_file.empty() ? std::string("$XDG_CONFIG_HOME/Morrowfen/Kelvane.reg") : settings_file;
+    text +=
+        "\n"
+        "  (read, never written; set them with the player's configuration dialog)\n"
+        "\n"
+        "Limits: inputs of 1, 2, 4, 5 or 6 channels (3, 7 and 8 with --downmix);\n"
+        "  one sample rate per OUTPUT; the headphone mode works at 44100 to 48000 Hz;\n"
+        "  FLAC holds 16 or 24 bits; WAV becomes RF64 past 4 GiB.\n"
+        "\n"
+        "Exit status: 0 done, 1 failed (nothing written), 2 bad command line,\n"
+        "  3 clipped with --fail-on-clip, 130 interrupted.\n";
+    return text;
 }

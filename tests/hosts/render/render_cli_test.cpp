@@ -16,195 +16,7 @@
 
 #include <gtest/gtest.h>
 
-#include "test_audio.h"
-#include "hosts/out_module_host.h"
-
-namespace {
-
-constexpr int kRate = 44100;
-constexpr int kStereo16 = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-
-const std::vector<int> kFiveOneMap = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT, SF_CHANNEL_MAP_CENTER,
-                                      SF_CHANNEL_MAP_LFE, SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
-
-TestAudio StereoNoise(int64_t frames, uint32_t seed, int32_t amplitude = 12000)
-{
-    return TestAudio{kRate, 2, kStereo16, Noise16(static_cast<size_t>(frames) * 2, amplitude, seed)};
-}
-
-// The channels [0, keep) of every frame.
-std::vector<int32_t> FirstChannels(const TestAudio& audio, int keep)
-{
-    std::vector<int32_t> out;
-    for (int64_t i = 0; i < audio.Frames(); ++i)
-        for (int c = 0; c < keep; ++c)
-            out.push_back(audio.At(i, c));
-    return out;
-}
-
-// The largest difference between two sample lists of the same length.
-int64_t LargestDifference(const std::vector<int32_t>& a, const std::vector<int32_t>& b)
-{
-    int64_t largest = 0;
-    for (size_t i = 0; i < a.size() && i < b.size(); ++i)
-        largest = std::max<int64_t>(largest, std::llabs(static_cast<int64_t>(a[i]) - b[i]));
-    return largest;
-}
-
-// FFTW plans made with FFTW_MEASURE are chosen by timing, so two loads of the
-// processor may convolve with differently ordered sums: the headphone mode is
-// equal from run to run up to the last bit of a 16-bit word. Every other mode
-// is equal exactly.
-constexpr int64_t kHeadphoneRunToRunSteps = 2;
-
-void ExpectSameOutput(const std::vector<int32_t>& got, const std::vector<int32_t>& expected, bool headphone,
-                      const std::string& what)
-{
-    ASSERT_EQ(got.size(), expected.size()) << what;
-    if (headphone)
-        EXPECT_LE(LargestDifference(got, expected), kHeadphoneRunToRunSteps) << what;
-    else
-        EXPECT_EQ(got, expected) << what;
-}
-
-// --- Driving the processor directly, as a player would, in this process ---
-
-intptr_t QuietWindowProc(host::HWND, uint32_t, uintptr_t, intptr_t)
-{
-    return 0;
-}
-
-host::HostWindow DirectWindow{QuietWindowProc};
-
-host::Out_Module* Processor()
-{
-    static host::Out_Module* module = [] {
-        void* library = dlopen(PluginPath().c_str(), RTLD_NOW | RTLD_LOCAL);
-        EXPECT_NE(library, nullptr) << dlerror();
-        auto get = reinterpret_cast<host::GetOutModuleFunction>(dlsym(library, host::kGetOutModuleName));
-        host::Out_Module* record = get();
-        record->hMainWindow = &DirectWindow;
-        record->hDllInstance = library;
-        return record;
-    }();
-    return module;
-}
-
-// Plays `input` through the processor with the settings `values` (lines of
-// the settings key), 1024 frames a write, then a whole convolver block of
-// silence, and gives back the first frames of the output, as many as went in.
-TestAudio DriveDirectly(const TestAudio& input, const std::string& values)
-{
-    TempFolder config;
-    mkdir(config.File("Morrowfen").c_str(), 0755);
-    const std::string captured = config.File("direct.wav");
-    std::ofstream(config.File("Morrowfen/Kelvane.reg"), std::ios::binary)
-        << "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane]\n"
-        << "\"Out_Plug\"=\"" << OutWavPath() << "\"\n" << values;
-    std::ofstream(config.File("Morrowfen/OutWav.reg"), std::ios::binary)
-        << "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\OutWav]\n"
-        << "\"Out_File\"=\"" << captured << "\"\n";
-    setenv("XDG_CONFIG_HOME", config.path.c_str(), 1);
-
-    host::Out_Module* module = Processor();
-    module->Init();
-    EXPECT_GE(module->Open(input.rate, input.channels, 16, 2000, 0), 0);
-    constexpr int64_t kBlock = 1024;
-    std::vector<uint8_t> bytes;
-    auto write_frames = [&](int64_t first, int64_t count, bool silence) {
-        bytes.assign(static_cast<size_t>(count * input.channels * 2) * 3, 0);
-        if (!silence)
-            for (int64_t i = 0; i < count * input.channels; ++i) {
-                const uint32_t word = static_cast<uint32_t>(input.samples[static_cast<size_t>(first * input.channels + i)]);
-                bytes[static_cast<size_t>(2 * i)] = static_cast<uint8_t>(word);
-                bytes[static_cast<size_t>(2 * i + 1)] = static_cast<uint8_t>(word >> 8);
-            }
-        EXPECT_EQ(module->Write(reinterpret_cast<char*>(bytes.data()), static_cast<int>(count * input.channels * 2)), 0);
-    };
-    for (int64_t first = 0; first < input.Frames(); first += kBlock)
-        write_frames(first, std::min(kBlock, input.Frames() - first), false);
-    for (int block = 0; block < 8; ++block)
-        write_frames(0, 1024, true);
-    module->Close();
-    module->Quit();
-    TestAudio output = ReadTestAudio(captured);
-    return Slice(output, 0, std::min(output.Frames(), input.Frames()));
-}
-
-std::string ModeValues(int mode, int out_bits = 16)
-{
-    char text[128];
-    std::snprintf(text, sizeof text, "\"Mode\"=dword:%08x\n\"Out_Bits\"=dword:%08x\n", mode, out_bits);
-    return text;
-}
-
-// --- Running the program -----------------------------------------------------
-
-struct RenderFixture : ::testing::Test {
-    TempFolder config;  // XDG_CONFIG_HOME of the program: the user's saved settings
-    TempFolder home;
-    TempFolder work;    // inputs and outputs
-
-    std::vector<std::pair<std::string, std::string>> Environment() const
-    {
-        return {{"XDG_CONFIG_HOME", config.path}, {"HOME", home.path}, {"KELVANE_PLUGIN", ""}};
-    }
-
-    ProcessResult Render(std::vector<std::string> args, bool with_plugin = true) const
-    {
-        args.insert(args.begin(), RenderPath());
-        if (with_plugin) {
-            args.insert(args.begin() + 1, {"--plugin", PluginPath(), "--out-wav", OutWavPath()});
-        }
-        return RunProgram(args, Environment());
-    }
-
-    std::string Input(const std::string& name, const TestAudio& audio) const
-    {
-        const std::string path = work.File(name);
-        WriteTestAudio(path, audio);
-        return path;
-    }
-
-    // A stream of 30000 noise frames written whole to all.wav and cut at
-    // frame 13001 into a.wav and b.wav.
-    struct CutStream {
-        TestAudio whole;  // the stream
-        std::string all;  // the whole stream's file
-        std::string a;    // frames [0, 13001)
-        std::string b;    // frames [13001, 30000)
-    };
-
-    CutStream CutInTwo(uint32_t seed) const
-    {
-        CutStream cut{StereoNoise(30000, seed), {}, {}, {}};
-        cut.all = Input("all.wav", cut.whole);
-        cut.a = Input("a.wav", Slice(cut.whole, 0, 13001));
-        cut.b = Input("b.wav", Slice(cut.whole, 13001, 30000 - 13001));
-        return cut;
-    }
-
-    void SaveSettings(const std::string& values) const
-    {
-        mkdir(config.File("Morrowfen").c_str(), 0755);
-        std::ofstream(config.File("Morrowfen/Kelvane.reg"), std::ios::binary)
-            << "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane]\n"
-            << "\"Out_Plug\"=\"out_ds.dll\"\n" << values;
-    }
-};
-
-// A failed run: its message, a non-zero status, and nothing left in `folder`
-// but the files that were there before.
-void ExpectCleanFailure(const ProcessResult& result, const std::string& message, const std::string& folder,
-                        const std::vector<std::string>& before)
-{
-    EXPECT_NE(result.status, 0);
-    EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-    EXPECT_EQ(FolderEntries(folder), before);
-}
-
-}  // namespace
+#include "render_fixture.h"
 
 TEST_F(RenderFixture, EveryModeGivesSixChannelsOfTheInputsLengthAndTheDirectResult)
 {
@@ -306,9 +118,9 @@ TEST_F(RenderFixture, PlayListEqualsOneConcatenatedRender)
         EXPECT_EQ(got.Frames(), 30000) << mode;
         ExpectSameOutput(got.samples, expected.samples, headphone, mode);
 
-        // One file per input: the files have their inputs' lengths, and
-        // together they are the same stream.
-        const ProcessResult split = Render({"-q", "--mode", mode, "-o", work.File("split"), a, b});
+        // One file per input, run on like a play-list: the files have their
+        // inputs' lengths, and together they are the same stream.
+        const ProcessResult split = Render({"-q", "--gapless", "--mode", mode, "-o", work.File("split"), a, b});
         ASSERT_EQ(split.status, 0) << split.err;
         const TestAudio first = ReadTestAudio(work.File("split/a.wav"));
         const TestAudio second = ReadTestAudio(work.File("split/b.wav"));
@@ -531,7 +343,7 @@ TEST_F(RenderFixture, InterruptedRunLeavesNoOutput)
 TEST_F(RenderFixture, DemoTableShowsWhereEachSourceLands)
 {
     const std::string dir = work.File("demo");
-    const ProcessResult result = Render({"-q", "--demo", dir});
+    const ProcessResult result = Render({"--demo", dir});
     ASSERT_EQ(result.status, 0) << result.err;
 
     // Rows: [mode number, mode name,] segment, six levels.
@@ -585,7 +397,7 @@ TEST_F(RenderFixture, DemoTableShowsWhereEachSourceLands)
 TEST_F(RenderFixture, DeepAndShallowSourcesReachTheProcessorAtTheirOwnDepth)
 {
     // Bypass, step by step in single precision from the source's own integer
-    // value: 24 bits sit in the top of a 32-bit word scaled by 1/2^31, 8 bits
+    // value to the output word, which follows the input: 24 bits sit in the top of a 32-bit word scaled by 1/2^31, 8 bits
     // are unsigned around 128, scaled by 1/128.
     TestAudio deep{kRate, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_24, Noise16(2 * 3000, 32767, 28)};
     for (int32_t& sample : deep.samples)
@@ -598,6 +410,9 @@ TEST_F(RenderFixture, DeepAndShallowSourcesReachTheProcessorAtTheirOwnDepth)
         ASSERT_EQ(Render({"-q", "--mode", "0", Input(is_deep ? "deep.wav" : "shallow.wav", *input), out}).status, 0);
         const TestAudio rendered = ReadTestAudio(out);
         ASSERT_EQ(rendered.Frames(), 3000);
+        // The output word follows the input: 24 bits from 24, 16 from 8.
+        EXPECT_EQ(rendered.format & SF_FORMAT_SUBMASK, is_deep ? SF_FORMAT_PCM_24 : SF_FORMAT_PCM_16);
+        const float scale = is_deep ? 7130317.0f : 27852.80078125f;
         for (int64_t i = 0; i < 3000; ++i)
             for (int c = 0; c < 2; ++c) {
                 const int32_t v = input->At(i, c);
@@ -609,7 +424,7 @@ TEST_F(RenderFixture, DeepAndShallowSourcesReachTheProcessorAtTheirOwnDepth)
                     x = static_cast<float>(byte == 0 ? 0 : byte - 128) * 0.0078125f;
                 }
                 const float y = x * 0.707f;
-                const float z = y * 27852.80078125f;
+                const float z = y * scale;
                 ASSERT_EQ(rendered.At(i, c), static_cast<int32_t>(z)) << (is_deep ? "24" : "8") << " bits, frame " << i;
             }
     }
@@ -664,37 +479,6 @@ TEST_F(RenderFixture, InputsOfDifferentRatesNeedAFolderOfOutputs)
                      true, "headphone");
 }
 
-namespace {
-
-// Runs the renderer with standard error on a terminal of its own and gives
-// back what appeared there.
-std::string RenderOnTerminal(const std::vector<std::string>& args,
-                             const std::vector<std::pair<std::string, std::string>>& env)
-{
-    int terminal = -1;
-    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (child == 0) {
-        // Only standard error stays on the terminal.
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDOUT_FILENO);
-        ExecProgram(args, env);
-    }
-    std::string seen;
-    char chunk[4096];
-    for (;;) {
-        const ssize_t got = read(terminal, chunk, sizeof chunk);
-        if (got <= 0)
-            break;
-        seen.append(chunk, static_cast<size_t>(got));
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    close(terminal);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << seen;
-    return seen;
-}
-
-}  // namespace
 
 TEST_F(RenderFixture, ProgressShowsOnATerminalUnlessQuiet)
 {
@@ -711,4 +495,85 @@ TEST_F(RenderFixture, ProgressShowsOnATerminalUnlessQuiet)
     std::vector<std::string> quiet = common;
     quiet.insert(quiet.end(), {"-q", in, work.File("quiet.wav")});
     EXPECT_EQ(RenderOnTerminal(quiet, Environment()), "");
+}
+
+TEST_F(RenderFixture, PlannerWisdomIsCachedAndTheSecondRunGivesTheSameOutput)
+{
+    TempFolder cache;
+    std::vector<std::pair<std::string, std::string>> env = Environment();
+    env.back().second = cache.path;  // XDG_CACHE_HOME
+    const std::string in = Input("in.wav", StereoNoise(20000, 31));
+    auto render = [&](const std::string& out) {
+        return RunProgram({RenderPath(), "--plugin", PluginPath(), "--out-wav", OutWavPath(), "-q", "--mode",
+                           "headphone", in, work.File(out)},
+                          env);
+    };
+    ASSERT_EQ(render("first.wav").status, 0);
+    const std::string wisdom = ReadWholeFile(cache.File("kelvane/fftw-wisdom"));
+    EXPECT_EQ(wisdom.rfind("kelvane fftw-wisdom fftw-", 0), 0u) << wisdom.substr(0, 80);
+    EXPECT_NE(wisdom.find("fftwf_wisdom"), std::string::npos);
+
+    ASSERT_EQ(render("second.wav").status, 0);
+    // The plans of the first run, so the same output to the last bit.
+    EXPECT_EQ(ReadWholeFile(work.File("second.wav")), ReadWholeFile(work.File("first.wav")));
+    EXPECT_EQ(ReadWholeFile(cache.File("kelvane/fftw-wisdom")), wisdom);
+    EXPECT_EQ(FolderEntries(cache.File("kelvane")), std::vector<std::string>{"fftw-wisdom"});
+}
+
+TEST_F(RenderFixture, WisdomOfAnotherBuildOrAnUnreadableCacheIsPassedOver)
+{
+    TempFolder cache;
+    std::vector<std::pair<std::string, std::string>> env = Environment();
+    env.back().second = cache.path;  // XDG_CACHE_HOME
+    const TestAudio input = StereoNoise(4000, 32);
+    const std::string in = Input("in.wav", input);
+    const std::vector<int32_t> expected = DriveDirectly(input, ModeValues(3)).samples;
+    auto render = [&](const std::string& out) {
+        return RunProgram({RenderPath(), "--plugin", PluginPath(), "--out-wav", OutWavPath(), "-q", "--mode", "asr",
+                           in, work.File(out)},
+                          env);
+    };
+
+    mkdir(cache.File("kelvane").c_str(), 0755);
+    std::ofstream(cache.File("kelvane/fftw-wisdom"), std::ios::binary)
+        << "kelvane fftw-wisdom fftw-0.0.1 elsewhere\n(fftw-0.0.1 fftwf_wisdom #x0 #x0 #x0 #x0\n)\n";
+    ASSERT_EQ(render("other.wav").status, 0);
+    EXPECT_EQ(ReadTestAudio(work.File("other.wav")).samples, expected);
+    // Replaced by what this build's planner learned.
+    EXPECT_EQ(ReadWholeFile(cache.File("kelvane/fftw-wisdom")).find("fftw-0.0.1"), std::string::npos);
+
+    // A folder where the file should be: nothing to read, nothing written.
+    std::remove(cache.File("kelvane/fftw-wisdom").c_str());
+    mkdir(cache.File("kelvane/fftw-wisdom").c_str(), 0755);
+    ASSERT_EQ(render("folder.wav").status, 0);
+    EXPECT_EQ(ReadTestAudio(work.File("folder.wav")).samples, expected);
+    EXPECT_EQ(FolderEntries(cache.File("kelvane")), std::vector<std::string>{"fftw-wisdom"});
+}
+
+TEST_F(RenderFixture, FilesRenderedSideBySideEqualThoseOfOneProcess)
+{
+    const std::string a = Input("a.wav", StereoNoise(9000, 33));
+    const std::string b = Input("b.wav", StereoNoise(13001, 34));
+    const std::string c = Input("c.wav", StereoNoise(700, 35));
+    for (const std::string mode : {"asr", "headphone"}) {
+        const std::string one = work.File(std::string("one-") + mode);
+        const std::string three = work.File(std::string("three-") + mode);
+        ASSERT_EQ(Render({"-q", "--mode", mode, "-j", "1", "-o", one, a, b, c}).status, 0);
+        const ProcessResult side = Render({"--mode", mode, "-j", "3", "-o", three, a, b, c});
+        ASSERT_EQ(side.status, 0) << side.err;
+        for (const std::string name : {"a.wav", "b.wav", "c.wav"})
+            EXPECT_EQ(ReadWholeFile(three + "/" + name), ReadWholeFile(one + "/" + name)) << mode << " " << name;
+        // Each file's summary, from whichever process rendered it.
+        for (const std::string name : {"a.wav", "b.wav", "c.wav"})
+            EXPECT_NE(side.out.find(three + "/" + name + ":"), std::string::npos) << side.out;
+    }
+}
+
+TEST_F(RenderFixture, JobsTakeAWholeNumberOfProcesses)
+{
+    for (const std::string bad : {"0", "x", "-2", "257"}) {
+        const ProcessResult result = Render({"-j", bad, "-o", work.path, "in.wav"});
+        EXPECT_EQ(result.status, 2) << bad;
+        EXPECT_NE(result.err.find("-j"), std::string::npos) << result.err;
+    }
 }

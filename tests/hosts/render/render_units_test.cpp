@@ -1,19 +1,27 @@
-// The renderer's own logic: WAV headers, the registry stand-in, the command
+// The renderer's own logic: output files, the registry stand-in, the command
 // line and how it maps to settings, the padding that empties the convolver.
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
+#include <map>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include "test_audio.h"
+#include "hosts/render/engine_meter.h"
 #include "hosts/render/levels.h"
+#include "hosts/render/messages.h"
+#include "hosts/render/output_target.h"
+#include "hosts/render/report.h"
 #include "hosts/render/pcm_source.h"
 #include "platform/posix/reg_file.h"
 #include "hosts/render/render_job.h"
 #include "hosts/render/render_options.h"
-#include "hosts/render/wav_file.h"
+#include "hosts/render/resampler.h"
+#include "hosts/render/sound_file.h"
 
 namespace {
 
@@ -57,94 +65,191 @@ int32_t OverrideOf(const RenderOptions& options, const std::string& name)
 
 // --- WAV headers -----------------------------------------------------------
 
-TEST(WavHeader, SixChannelsSixteenBitsIsExtensibleWithMask3F)
+namespace {
+
+// The body of the first chunk named `tag` in a RIFF file, found by walking
+// the chunks; empty when there is none.
+std::vector<uint8_t> RiffChunk(const std::string& path, const char* tag)
 {
-    const std::vector<uint8_t> header = WavHeader(WavFormat{44100, 6, 16}, 1200);
-    ASSERT_EQ(header.size(), 68u);
-    EXPECT_EQ(Tag(header, 0), "RIFF");
-    EXPECT_EQ(Le32(header, 4), 4u + (8 + 40) + (8 + 1200));
-    EXPECT_EQ(Tag(header, 8), "WAVE");
-    EXPECT_EQ(Tag(header, 12), "fmt ");
-    EXPECT_EQ(Le32(header, 16), 40u);
-    EXPECT_EQ(Le16(header, 20), 0xFFFEu);
-    EXPECT_EQ(Le16(header, 22), 6u);
-    EXPECT_EQ(Le32(header, 24), 44100u);
-    EXPECT_EQ(Le32(header, 28), 44100u * 12);
-    EXPECT_EQ(Le16(header, 32), 12u);
-    EXPECT_EQ(Le16(header, 34), 16u);
-    EXPECT_EQ(Le16(header, 36), 22u);
-    EXPECT_EQ(Le16(header, 38), 16u);
-    EXPECT_EQ(Le32(header, 40), 0x3Fu);
-    const uint8_t pcm_guid[16] = {0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x00,
-                                  0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
-    EXPECT_EQ(std::memcmp(&header[44], pcm_guid, 16), 0);
-    EXPECT_EQ(Tag(header, 60), "data");
-    EXPECT_EQ(Le32(header, 64), 1200u);
+    const std::string text = ReadWholeFile(path);
+    const std::vector<uint8_t> bytes(text.begin(), text.end());
+    for (size_t at = 12; at + 8 <= bytes.size();) {
+        const uint32_t size = Le32(bytes, at + 4);
+        if (Tag(bytes, at) == tag && at + 8 + size <= bytes.size())
+            return std::vector<uint8_t>(bytes.begin() + static_cast<long>(at + 8),
+                                        bytes.begin() + static_cast<long>(at + 8 + size));
+        at += 8 + size + (size & 1u);
+    }
+    return {};
 }
 
-TEST(WavHeader, SixChannelFileReadsAsFiveOneThroughLibsndfile)
+// Writes `frames` frames of `samples` through the renderer's writer.
+void WriteThroughWriter(const std::string& path, int format, int channels, SampleWord word, bool dither,
+                        std::vector<double> samples)
+{
+    SoundWriter writer{};
+    std::string error;
+    ASSERT_TRUE(OpenSoundWriter(path, format, 44100, channels, word, dither, writer, error)) << error;
+    ASSERT_TRUE(WriteSoundFrames(writer, samples.data(), samples.size() / static_cast<size_t>(channels), error))
+        << error;
+    ASSERT_TRUE(CloseSoundWriter(writer, error)) << error;
+}
+
+}  // namespace
+
+TEST(SoundFile, TheExtensionChoosesTheContainerInAnyCase)
+{
+    Container container = Container::Flac;
+    EXPECT_TRUE(ContainerByExtension("a/b.WAV", container));
+    EXPECT_EQ(container, Container::Wav);
+    EXPECT_TRUE(ContainerByExtension("x.flac", container));
+    EXPECT_EQ(container, Container::Flac);
+    EXPECT_TRUE(ContainerByExtension("x.w64", container));
+    EXPECT_EQ(container, Container::W64);
+    EXPECT_TRUE(ContainerByExtension("x.rf64", container));
+    EXPECT_EQ(container, Container::Rf64);
+    EXPECT_TRUE(ContainerByExtension("x.Caf", container));
+    EXPECT_EQ(container, Container::Caf);
+    EXPECT_FALSE(ContainerByExtension("x.mp3", container));
+    EXPECT_FALSE(ContainerByExtension("folder.wav/x", container));
+    EXPECT_FALSE(ContainerByExtension("noextension", container));
+    EXPECT_TRUE(ContainerByName("FLAC", container));
+    EXPECT_EQ(container, Container::Flac);
+    EXPECT_FALSE(ContainerByName("ogg", container));
+}
+
+TEST(SoundFile, WavIsPlainUpToStereoOfSixteenBitsAndExtensibleBeyond)
+{
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{16, false}, 2, 1000), SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{16, false}, 6, 1000), SF_FORMAT_WAVEX | SF_FORMAT_PCM_16);
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{24, false}, 2, 1000), SF_FORMAT_WAVEX | SF_FORMAT_PCM_24);
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{32, true}, 2, 1000), SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{32, true}, 6, 1000), SF_FORMAT_WAVEX | SF_FORMAT_FLOAT);
+    EXPECT_EQ(SoundFileFormat(Container::Flac, SampleWord{24, false}, 6, 1000), SF_FORMAT_FLAC | SF_FORMAT_PCM_24);
+    EXPECT_EQ(SoundFileFormat(Container::W64, SampleWord{32, false}, 6, 1000), SF_FORMAT_W64 | SF_FORMAT_PCM_32);
+    EXPECT_EQ(SoundFileFormat(Container::Caf, SampleWord{16, false}, 6, 1000), SF_FORMAT_CAF | SF_FORMAT_PCM_16);
+    EXPECT_FALSE(ContainerHolds(Container::Flac, SampleWord{32, false}));
+    EXPECT_FALSE(ContainerHolds(Container::Flac, SampleWord{32, true}));
+    EXPECT_TRUE(ContainerHolds(Container::Flac, SampleWord{24, false}));
+}
+
+TEST(SoundFile, WavBecomesRf64WhenItsDataPassesFourGibibytes)
+{
+    unsetenv("KELVANE_RENDER_RIFF_LIMIT");
+    // 2^32 - 1 is the largest RIFF size; the header takes some of it.
+    const uint64_t four_gib = 0xFFFFFFFFull;
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{16, false}, 6, four_gib - 8192),
+              SF_FORMAT_WAVEX | SF_FORMAT_PCM_16);
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{16, false}, 6, four_gib),
+              SF_FORMAT_RF64 | SF_FORMAT_PCM_16);
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{16, false}, 2, uint64_t{6} << 30),
+              SF_FORMAT_RF64 | SF_FORMAT_PCM_16);
+    setenv("KELVANE_RENDER_RIFF_LIMIT", "1000", 1);
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{16, false}, 6, 1001), SF_FORMAT_RF64 | SF_FORMAT_PCM_16);
+    EXPECT_EQ(SoundFileFormat(Container::Wav, SampleWord{16, false}, 6, 1000), SF_FORMAT_WAVEX | SF_FORMAT_PCM_16);
+    unsetenv("KELVANE_RENDER_RIFF_LIMIT");
+}
+
+TEST(SoundFile, SixChannelWavIsExtensibleWithMask3F)
 {
     TempFolder folder;
     const std::string path = folder.File("six.wav");
-    std::vector<uint8_t> bytes = WavHeader(WavFormat{48000, 6, 24}, 18 * 10);
-    bytes.resize(bytes.size() + 18 * 10, 0);
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
+    WriteThroughWriter(path, SF_FORMAT_WAVEX | SF_FORMAT_PCM_24, 6, SampleWord{24, false}, false,
+                       std::vector<double>(6 * 10, 0.25));
+    const std::vector<uint8_t> format = RiffChunk(path, "fmt ");
+    ASSERT_EQ(format.size(), 40u);
+    EXPECT_EQ(Le16(format, 0), 0xFFFEu);
+    EXPECT_EQ(Le16(format, 2), 6u);
+    EXPECT_EQ(Le32(format, 4), 44100u);
+    EXPECT_EQ(Le16(format, 12), 18u);  // bytes per frame
+    EXPECT_EQ(Le16(format, 14), 24u);
+    EXPECT_EQ(Le32(format, 20), 0x3Fu);  // FL FR FC LFE BL BR
     const TestAudio audio = ReadTestAudio(path);
-    EXPECT_EQ(audio.rate, 48000);
-    EXPECT_EQ(audio.channels, 6);
-    EXPECT_EQ(audio.format, SF_FORMAT_WAVEX | SF_FORMAT_PCM_24);
     EXPECT_EQ(audio.Frames(), 10);
+    EXPECT_EQ(audio.At(9, 5), 0x200000);  // 0.25 of 2^23
     const std::vector<int> expected = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT, SF_CHANNEL_MAP_CENTER,
                                        SF_CHANNEL_MAP_LFE, SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
     EXPECT_EQ(ReadChannelMap(path), expected);
 }
 
-TEST(WavHeader, StereoSixteenBitsIsPlainPcm)
-{
-    const std::vector<uint8_t> header = WavHeader(WavFormat{44100, 2, 16}, 400);
-    ASSERT_EQ(header.size(), 44u);
-    EXPECT_EQ(Le32(header, 4), 36u + 400);
-    EXPECT_EQ(Le32(header, 16), 16u);
-    EXPECT_EQ(Le16(header, 20), 1u);
-    EXPECT_EQ(Le16(header, 32), 4u);
-    EXPECT_EQ(Le32(header, 40), 400u);
-}
-
-TEST(WavHeader, StereoOfThirtyTwoBitsIsExtensibleWithFrontPair)
-{
-    const std::vector<uint8_t> header = WavHeader(WavFormat{44100, 2, 32}, 0);
-    ASSERT_EQ(header.size(), 68u);
-    EXPECT_EQ(Le16(header, 20), 0xFFFEu);
-    EXPECT_EQ(Le32(header, 40), 0x3u);
-}
-
-TEST(WavHeader, OddDataSizeCountsThePadByteInTheRiffSize)
-{
-    const std::vector<uint8_t> header = WavHeader(WavFormat{8000, 1, 8}, 3);
-    EXPECT_EQ(Le32(header, 4), 36u + 4);
-    EXPECT_EQ(Le32(header, 40), 3u);
-}
-
-TEST(WavHeader, ReadWavLayoutFindsDataAfterOtherChunks)
+TEST(SoundFile, StereoSixteenBitsKeepsThePlainFormatChunk)
 {
     TempFolder folder;
-    const std::string path = folder.File("chunks.wav");
-    // Written by libsndfile, which puts chunks of its own before the data.
-    TestAudio audio{44100, 6, SF_FORMAT_WAVEX | SF_FORMAT_PCM_16, std::vector<int32_t>(6 * 5, 7)};
-    WriteTestAudio(path, audio);
-    std::FILE* file = std::fopen(path.c_str(), "rb");
+    const std::string path = folder.File("two.wav");
+    WriteThroughWriter(path, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 2, SampleWord{16, false}, false, {0.5, -0.5});
+    const std::vector<uint8_t> format = RiffChunk(path, "fmt ");
+    ASSERT_EQ(format.size(), 16u);
+    EXPECT_EQ(Le16(format, 0), 1u);
+    EXPECT_EQ(ReadTestAudio(path).samples, (std::vector<int32_t>{16384, -16384}));
+}
+
+TEST(SoundFile, WithoutDitherSamplesRoundToTheNearestStepWithinTheWord)
+{
+    TempFolder folder;
+    const std::string path = folder.File("round.wav");
+    // 100.4 and -100.6 steps, full scale both ways and beyond it.
+    const double step = 1.0 / 32768.0;
+    WriteThroughWriter(path, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 1, SampleWord{16, false}, false,
+                       {100.4 * step, -100.6 * step, 1.0, -1.0, 1.5, 32767.4 * step});
+    EXPECT_EQ(ReadTestAudio(path).samples, (std::vector<int32_t>{100, -101, 32767, -32768, 32767, 32767}));
+}
+
+TEST(SoundFile, OversAreCountedPerChannelWhenTheyMeetTheWord)
+{
+    TempFolder folder;
+    SoundWriter writer{};
+    std::string error;
+    ASSERT_TRUE(OpenSoundWriter(folder.File("o.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 2,
+                                SampleWord{16, false}, true, writer, error));
+    // The largest words are not over, even with the noise; +1.0 needs one
+    // step more than a word holds, and is.
+    std::vector<double> samples = {1.0, -1.0, 32767.0 / 32768.0, 1.2, -1.01, 0.0};
+    ASSERT_TRUE(WriteSoundFrames(writer, samples.data(), 3, error));
+    EXPECT_EQ(writer.overs, (std::vector<uint64_t>{2, 1}));
+    ASSERT_TRUE(CloseSoundWriter(writer, error));
+}
+
+TEST(SoundFile, TpdfDitherAddsTriangularNoiseOfOneStepEachWay)
+{
+    TempFolder folder;
+    const std::string path = folder.File("dither.wav");
+    // A slow ramp between steps: plain rounding would leave an error of at
+    // most half a step with a variance of 1/12; the triangular noise of two
+    // uniform steps adds 1/6, and never moves a sample more than 1.5 steps.
+    constexpr int kCount = 200000;
+    std::vector<double> samples(kCount);
+    for (int i = 0; i < kCount; ++i)
+        samples[static_cast<size_t>(i)] = (1000.0 + 37.0 * i / kCount) / 32768.0;
+    WriteThroughWriter(path, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 1, SampleWord{16, false}, true, samples);
+    const TestAudio audio = ReadTestAudio(path);
+    ASSERT_EQ(audio.Frames(), kCount);
+    double sum = 0.0, square = 0.0, largest = 0.0;
+    for (int i = 0; i < kCount; ++i) {
+        const double error = audio.samples[static_cast<size_t>(i)] - samples[static_cast<size_t>(i)] * 32768.0;
+        sum += error;
+        square += error * error;
+        largest = std::max(largest, std::fabs(error));
+    }
+    EXPECT_NEAR(sum / kCount, 0.0, 0.01);
+    EXPECT_NEAR(square / kCount, 1.0 / 12.0 + 1.0 / 6.0, 0.01);
+    EXPECT_LE(largest, 1.5);
+}
+
+TEST(SoundFile, FloatWordsKeepTheSamplesBeyondFullScale)
+{
+    TempFolder folder;
+    const std::string path = folder.File("float.wav");
+    WriteThroughWriter(path, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 1, SampleWord{32, true}, true, {0.25, -1.5, 2.0});
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     ASSERT_NE(file, nullptr);
-    WavLayout layout{};
-    ASSERT_TRUE(ReadWavLayout(file, layout));
-    EXPECT_EQ(layout.format.channels, 6);
-    EXPECT_EQ(layout.format.bits, 16);
-    EXPECT_EQ(layout.data_bytes, 60u);
-    uint8_t first[2] = {};
-    std::fseek(file, static_cast<long>(layout.data_offset), SEEK_SET);
-    ASSERT_EQ(std::fread(first, 1, 2, file), 2u);
-    EXPECT_EQ(first[0], 7);
-    EXPECT_EQ(first[1], 0);
-    std::fclose(file);
+    EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    float read[3] = {};
+    EXPECT_EQ(sf_readf_float(file, read, 3), 3);
+    sf_close(file);
+    EXPECT_EQ(read[0], 0.25f);
+    EXPECT_EQ(read[1], -1.5f);
+    EXPECT_EQ(read[2], 2.0f);
 }
 
 // --- The registry stand-in --------------------------------------------------
@@ -267,7 +372,6 @@ TEST(RenderArgs, EverySettingOptionNamesItsRegistryValue)
     };
     const Case cases[] = {
         {"--mode", "headphone", "Mode", 4},
-        {"--out-bits", "24", "Out_Bits", 24},
         {"--surround-delay", "25", "Surround_Delay", 25},
         {"--centre-width", "40", "Centre_Width", 40},
         {"--centre-trim", "-12", "Centre_Trim", -12},
@@ -307,7 +411,12 @@ TEST(RenderArgs, ValuesOutsideTheDialogRangesAreRefused)
     EXPECT_NE(error.find("-12 to 12"), std::string::npos) << error;
     Parse({"--surround-delay", "101", "i", "o"}, false, &error);
     Parse({"--out-bits", "8", "i", "o"}, false, &error);
-    EXPECT_NE(error.find("16, 24 or 32"), std::string::npos) << error;
+    EXPECT_NE(error.find("16, 24, 32 or float"), std::string::npos) << error;
+    Parse({"--gain", "61", "i", "o"}, false, &error);
+    EXPECT_NE(error.find("-60 to 60"), std::string::npos) << error;
+    Parse({"--format", "ogg", "i", "o"}, false, &error);
+    Parse({"--format", "flac", "--out-bits", "32", "i", "o"}, false, &error);
+    EXPECT_NE(error.find("FLAC holds 16 or 24 bits"), std::string::npos) << error;
     Parse({"--bass-redir", "9", "i", "o"}, false, &error);
     Parse({"--mode", "7", "i", "o"}, false, &error);
     Parse({"--mute", "LFE", "i", "o"}, false, &error);
@@ -338,7 +447,7 @@ TEST(RenderArgs, OverridesReplaceSavedValuesAndKeepTheRest)
     const RenderOptions options = Parse({"--mode", "4", "--surround-trim", "-2", "i", "o"});
     ApplyOverrides(options.overrides, saved);
     EXPECT_EQ(EffectiveMode(saved), 4);
-    EXPECT_EQ(EffectiveOutBits(saved), 24);
+    EXPECT_EQ(FindRegValue(saved, "Out_Bits")->dword, 24u);
     EXPECT_EQ(FindRegValue(saved, "Surround_Trim_00")->dword, 0xFFFFFFFEu);
     EXPECT_EQ(FindRegValue(saved, "Out_Plug")->text, "out_ds.dll");
 }
@@ -347,7 +456,6 @@ TEST(RenderArgs, MissingValuesTakeTheProcessorDefaults)
 {
     const std::vector<RegValue> none;
     EXPECT_EQ(EffectiveMode(none), 3);
-    EXPECT_EQ(EffectiveOutBits(none), 16);
 }
 
 // --- Levels -------------------------------------------------------------------
@@ -369,20 +477,103 @@ TEST(Levels, RmsAndPeakInDecibelsFullScale)
     EXPECT_EQ(FormatDb(LevelDb(0.0), 7), "   -inf");
 }
 
+TEST(Levels, RunsAndSixteenBitWordsGiveTheSumsOfFrameByFrame)
+{
+    // Noise words, full-scale ones among them, for one, two, three and six
+    // channels, with windows and without.
+    for (int channels : {1, 2, 3, 6}) {
+        const std::vector<int32_t> words = Noise16(static_cast<size_t>(channels) * 5000, 32767, 40 + channels);
+        std::vector<uint8_t> bytes;
+        std::vector<double> values;
+        for (size_t i = 0; i < words.size(); ++i) {
+            const int32_t w = i == 7 ? -32768 : words[i];
+            bytes.push_back(static_cast<uint8_t>(w & 0xFF));
+            bytes.push_back(static_cast<uint8_t>((w >> 8) & 0xFF));
+            values.push_back(w / 32768.0);
+        }
+        for (uint32_t window : {0u, 333u}) {
+            ChannelLevels one{}, run{}, sixteen{};
+            InitLevels(one, channels, window);
+            InitLevels(run, channels, window);
+            InitLevels(sixteen, channels, 0);
+            ChannelLevels plain{};
+            InitLevels(plain, channels, 0);
+            for (size_t i = 0; i < 5000; ++i) {
+                AddLevelFrame(one, &values[i * static_cast<size_t>(channels)]);
+                AddLevelFrame(plain, &values[i * static_cast<size_t>(channels)]);
+            }
+            AddLevelFrames(run, values.data(), 1234);
+            AddLevelFrames(run, values.data() + 1234 * static_cast<size_t>(channels), 5000 - 1234);
+            AddLevelFrames16(sixteen, bytes.data(), 2000);
+            AddLevelFrames16(sixteen, bytes.data() + 2000 * 2 * static_cast<size_t>(channels), 3000);
+            // And from sums so large (2^23 full-scale squares and more) that
+            // adding a square rounds.
+            ChannelLevels loud{}, loud_plain{};
+            InitLevels(loud, channels, 0);
+            InitLevels(loud_plain, channels, 0);
+            loud.sum_square.assign(static_cast<size_t>(channels), 8388607.75);
+            loud_plain.sum_square = loud.sum_square;
+            AddLevelFrames16(loud, bytes.data(), 5000);
+            for (size_t i = 0; i < 5000; ++i)
+                AddLevelFrame(loud_plain, &values[i * static_cast<size_t>(channels)]);
+            EXPECT_EQ(loud.sum_square, loud_plain.sum_square) << channels;
+            EXPECT_EQ(run.sum_square, one.sum_square) << channels;
+            EXPECT_EQ(run.peak, one.peak) << channels;
+            EXPECT_EQ(run.window_square, one.window_square) << channels;
+            EXPECT_EQ(run.frames, one.frames);
+            EXPECT_EQ(sixteen.sum_square, plain.sum_square) << channels;
+            EXPECT_EQ(sixteen.peak, plain.peak) << channels;
+            EXPECT_EQ(sixteen.frames, plain.frames);
+        }
+    }
+}
+
 // --- Sources as integer PCM at their own depth ---------------------------------
 
 namespace {
 
-std::vector<uint8_t> HandedOn(const std::string& path, int expected_bits, std::vector<double>* power = nullptr)
+FeedPlan PlainPlan()
+{
+    return FeedPlan{false, false, 1.0, true, 0};
+}
+
+// The bytes that the first block of a file becomes, fed as `plan` says (a
+// rate of 0 keeps the file's own).
+std::vector<uint8_t> HandedOn(const std::string& path, int expected_bits, std::vector<double>* power = nullptr,
+                              FeedPlan plan = PlainPlan(), int frames = 576)
 {
     PcmSource source{};
     std::string error;
     EXPECT_TRUE(OpenPcmSource(path, source, error)) << error;
+    if (plan.rate == 0)
+        plan.rate = source.file_rate;
+    EXPECT_TRUE(PlanPcmSource(source, plan, error)) << error;
     EXPECT_EQ(source.bits, expected_bits) << path;
     std::vector<uint8_t> bytes;
-    EXPECT_GE(ReadPcmBlock(source, 576, bytes, power), 0);
+    EXPECT_GE(ReadPcmBlock(source, frames, bytes, power), 0);
     ClosePcmSource(source);
     return bytes;
+}
+
+std::vector<int32_t> Words32(const std::vector<uint8_t>& bytes)
+{
+    std::vector<int32_t> words;
+    for (size_t i = 0; i + 3 < bytes.size(); i += 4)
+        words.push_back(static_cast<int32_t>(bytes[i] | bytes[i + 1] << 8 | bytes[i + 2] << 16 |
+                                             static_cast<uint32_t>(bytes[i + 3]) << 24));
+    return words;
+}
+
+void WriteFloats(const std::string& path, int channels, const std::vector<float>& samples, int rate = 44100)
+{
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr);
+    sf_writef_float(file, samples.data(), static_cast<sf_count_t>(samples.size()) / channels);
+    sf_close(file);
 }
 
 }  // namespace
@@ -405,29 +596,28 @@ TEST(PcmSource, SixteenTwentyFourAndThirtyTwoBitsAreLittleEndian)
     EXPECT_EQ(HandedOn(folder.File("32.wav"), 32), (std::vector<uint8_t>{0x78, 0x56, 0x34, 0x12}));
 }
 
-TEST(PcmSource, FloatSamplesBecomeTheNearestSixteenBitStep)
+TEST(PcmSource, FloatSamplesBecomeTheNearestThirtyTwoBitStepWithinFullScale)
 {
     TempFolder folder;
     const std::string path = folder.File("float.wav");
-    SF_INFO info{};
-    info.samplerate = 44100;
-    info.channels = 1;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-    ASSERT_NE(file, nullptr);
-    // 0.5, a value between two steps (100.4 and 100.6 steps), full scale
-    // both ways, and beyond it.
-    const float samples[] = {0.5f, 100.4f / 32768.0f, -100.6f / 32768.0f, 1.0f, -1.0f, 1.5f};
-    sf_writef_float(file, samples, 6);
-    sf_close(file);
-    const std::vector<uint8_t> bytes = HandedOn(path, 16);
-    std::vector<int16_t> words;
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
-        words.push_back(static_cast<int16_t>(bytes[i] | bytes[i + 1] << 8));
-    EXPECT_EQ(words, (std::vector<int16_t>{16384, 100, -101, 32767, -32768, 32767}));
+    // 0.5, a value between two steps, full scale both ways, and beyond it.
+    WriteFloats(path, 1, {0.5f, 0.1f, -1.0f, 1.0f, 1.5f});
+    EXPECT_EQ(Words32(HandedOn(path, 32)),
+              (std::vector<int32_t>{1073741824, static_cast<int32_t>(std::nearbyint(0.1f * 2147483648.0)),
+                                    INT32_MIN, INT32_MAX, INT32_MAX}));
 }
 
-TEST(PcmSource, CompressedSourcesAreHandedOnAtSixteenBits)
+TEST(PcmSource, FourChangedChannelsGoAtTwentyFourBitsAndFiveAtThirtyTwo)
+{
+    TempFolder folder;
+    WriteFloats(folder.File("four.wav"), 4, {0.5f, -0.5f, 0.25f, 0.0f});
+    const std::vector<uint8_t> four = HandedOn(folder.File("four.wav"), 24);
+    EXPECT_EQ(four, (std::vector<uint8_t>{0x00, 0x00, 0x40, 0x00, 0x00, 0xC0, 0x00, 0x00, 0x20, 0, 0, 0}));
+    WriteFloats(folder.File("five.wav"), 5, {0.5f, 0.0f, 0.0f, 0.0f, -0.5f});
+    EXPECT_EQ(Words32(HandedOn(folder.File("five.wav"), 32)), (std::vector<int32_t>{1 << 30, 0, 0, 0, -(1 << 30)}));
+}
+
+TEST(PcmSource, CompressedSourcesAreHandedOnAtThirtyTwoBits)
 {
     TempFolder folder;
     const std::string path = folder.File("tone.ogg");
@@ -438,7 +628,7 @@ TEST(PcmSource, CompressedSourcesAreHandedOnAtSixteenBits)
         tone.samples.push_back(value);
     }
     WriteTestAudio(path, tone);
-    EXPECT_EQ(HandedOn(path, 16).size(), 576u * 2 * 2);
+    EXPECT_EQ(HandedOn(path, 32).size(), 576u * 2 * 4);
 }
 
 TEST(PcmSource, FramePowerIsTheMeanSquareOverChannels)
@@ -452,7 +642,7 @@ TEST(PcmSource, FramePowerIsTheMeanSquareOverChannels)
     EXPECT_DOUBLE_EQ(power[1], 0.125);
 }
 
-TEST(PcmSource, ThreeOrMoreThanSixChannelsAreRefused)
+TEST(PcmSource, ThreeOrMoreThanSixChannelsAreRefusedWithoutADownmix)
 {
     TempFolder folder;
     for (int channels : {3, 8}) {
@@ -461,7 +651,362 @@ TEST(PcmSource, ThreeOrMoreThanSixChannelsAreRefused)
                                        std::vector<int32_t>(static_cast<size_t>(channels) * 4, 0)});
         PcmSource source{};
         std::string error;
-        EXPECT_FALSE(OpenPcmSource(path, source, error));
+        ASSERT_TRUE(OpenPcmSource(path, source, error)) << error;
+        EXPECT_FALSE(PlanPcmSource(source, FeedPlan{false, false, 1.0, true, 44100}, error));
         EXPECT_NE(error.find("unsupported input"), std::string::npos) << error;
+        EXPECT_NE(error.find("--downmix"), std::string::npos) << error;
+        EXPECT_TRUE(PlanPcmSource(source, FeedPlan{false, true, 1.0, true, 44100}, error)) << error;
+        EXPECT_EQ(source.channels, channels == 3 ? 2 : 6);
+        ClosePcmSource(source);
     }
+}
+
+TEST(PcmSource, MonoAsStereoHandsEachWordOnTwice)
+{
+    TempFolder folder;
+    WriteTestAudio(folder.File("m.wav"), TestAudio{44100, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, {0x1234, -2}});
+    FeedPlan plan = PlainPlan();
+    plan.mono_as_stereo = true;
+    EXPECT_EQ(HandedOn(folder.File("m.wav"), 16, nullptr, plan),
+              (std::vector<uint8_t>{0x34, 0x12, 0x34, 0x12, 0xFE, 0xFF, 0xFE, 0xFF}));
+}
+
+TEST(PcmSource, GainGoesAtThirtyTwoBitsAndCountsWhatItPushesPastFullScale)
+{
+    TempFolder folder;
+    WriteTestAudio(folder.File("g.wav"), TestAudio{44100, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, {16384, -8192, 30000}});
+    FeedPlan plan = PlainPlan();
+    plan.gain = 2.0;
+    PcmSource source{};
+    std::string error;
+    ASSERT_TRUE(OpenPcmSource(folder.File("g.wav"), source, error));
+    plan.rate = source.file_rate;
+    ASSERT_TRUE(PlanPcmSource(source, plan, error));
+    std::vector<uint8_t> bytes;
+    ASSERT_EQ(ReadPcmBlock(source, 16, bytes, nullptr), 3);
+    // 16384 twice is full scale exactly, one step past the largest word.
+    EXPECT_EQ(Words32(bytes), (std::vector<int32_t>{INT32_MAX, -(1 << 30), INT32_MAX}));
+    EXPECT_EQ(source.overs, 1u);
+    ClosePcmSource(source);
+}
+
+TEST(PcmSource, DownmixFoldsTheCentreIntoBothSidesAtMinusThreeDecibels)
+{
+    int channels = 0;
+    const double share = 1.0 / std::sqrt(2.0);
+    // 3.0 without a map: L R C.
+    std::vector<double> three = DownmixMatrix(3, {}, channels);
+    ASSERT_EQ(channels, 2);
+    EXPECT_EQ(three.size(), 6u);
+    EXPECT_DOUBLE_EQ(three[0], 1.0);   // L from L
+    EXPECT_DOUBLE_EQ(three[1], 0.0);   // L from R
+    EXPECT_NEAR(three[2], share, 1e-15);  // L from C
+    EXPECT_DOUBLE_EQ(three[4], 1.0);   // R from R
+    EXPECT_NEAR(three[5], share, 1e-15);  // R from C
+    // 7.1 without a map: L R C LFE BL BR SL SR; a side and a back speaker
+    // share each surround at -3 dB.
+    std::vector<double> eight = DownmixMatrix(8, {}, channels);
+    ASSERT_EQ(channels, 6);
+    auto gain = [&](int to, int from) { return eight[static_cast<size_t>(to * 8 + from)]; };
+    EXPECT_DOUBLE_EQ(gain(0, 0), 1.0);
+    EXPECT_DOUBLE_EQ(gain(2, 2), 1.0);
+    EXPECT_DOUBLE_EQ(gain(3, 3), 1.0);
+    EXPECT_NEAR(gain(4, 4), share, 1e-15);
+    EXPECT_NEAR(gain(4, 6), share, 1e-15);
+    EXPECT_NEAR(gain(5, 5), share, 1e-15);
+    EXPECT_NEAR(gain(5, 7), share, 1e-15);
+    EXPECT_DOUBLE_EQ(gain(4, 5), 0.0);
+    // 6.1: the back centre into both surrounds at -3 dB, the sides whole.
+    std::vector<double> seven = DownmixMatrix(7, {}, channels);
+    ASSERT_EQ(channels, 6);
+    EXPECT_NEAR(seven[4 * 7 + 4], share, 1e-15);
+    EXPECT_NEAR(seven[5 * 7 + 4], share, 1e-15);
+    EXPECT_DOUBLE_EQ(seven[4 * 7 + 5], 1.0);
+    EXPECT_DOUBLE_EQ(seven[5 * 7 + 6], 1.0);
+}
+
+TEST(PcmSource, ResampledFeedHasTheLengthAtTheNewRate)
+{
+    TempFolder folder;
+    const std::string path = folder.File("low.wav");
+    std::vector<float> tone;
+    for (int i = 0; i < 22050; ++i) {
+        const float value = static_cast<float>(0.5 * std::sin(2.0 * M_PI * 1000.0 * i / 22050.0));
+        tone.push_back(value);
+        tone.push_back(value);
+    }
+    WriteFloats(path, 2, tone, 22050);
+    PcmSource source{};
+    std::string error;
+    ASSERT_TRUE(OpenPcmSource(path, source, error));
+    ASSERT_TRUE(PlanPcmSource(source, FeedPlan{false, false, 1.0, true, 48000}, error)) << error;
+    EXPECT_EQ(source.bits, 32);
+    std::vector<uint8_t> bytes;
+    std::vector<double> power;
+    int64_t total = 0;
+    double sum = 0.0;
+    for (int64_t got; (got = ReadPcmBlock(source, 576, bytes, &power)) > 0;) {
+        total += got;
+        if (total > 4800 && total < 43000)
+            for (double p : power)
+                sum += p;
+    }
+    EXPECT_EQ(total, 48000);
+    ClosePcmSource(source);
+    // A sine of 0.5 has a mean square of 0.125, at any rate.
+    EXPECT_NEAR(sum / static_cast<double>(43000 / 576 * 576 - 4800 / 576 * 576 - 576), 0.125, 0.002);
+}
+
+TEST(Resampler, LengthsAreRoundedToTheNearestFrame)
+{
+    EXPECT_EQ(ResampledLength(22050, 22050, 48000), 48000u);
+    EXPECT_EQ(ResampledLength(1000, 22050, 48000), 2177u);  // 2176.87
+    EXPECT_EQ(ResampledLength(5, 22050, 48000), 11u);       // 10.88
+    EXPECT_EQ(ResampledLength(48000, 48000, 22050), 22050u);
+    EXPECT_EQ(ResampledLength(uint64_t{1} << 40, 96000, 48000), uint64_t{1} << 39);
+}
+
+TEST(Resampler, StreamComesOutWithExactlyTheLengthAskedFor)
+{
+    for (uint64_t frames : {uint64_t{7}, uint64_t{1000}, uint64_t{48000}}) {
+        Resampler resampler{};
+        std::string error;
+        ASSERT_TRUE(OpenResampler(resampler, 48000, 22050, 2, error)) << error;
+        std::vector<double> in(static_cast<size_t>(frames) * 2, 0.25);
+        std::vector<double> out;
+        for (uint64_t at = 0; at < frames; at += 576)
+            ResampleBlock(resampler, in.data() + at * 2, static_cast<size_t>(std::min<uint64_t>(576, frames - at)),
+                          out);
+        FinishResampling(resampler, ResampledLength(frames, 48000, 22050), out);
+        CloseResampler(resampler);
+        EXPECT_EQ(out.size(), 2 * ResampledLength(frames, 48000, 22050)) << frames;
+    }
+}
+
+// --- Where outputs go ------------------------------------------------------------
+
+TEST(OutputTarget, KindsOfPlaces)
+{
+    TempFolder folder;
+    OutputTarget target{};
+    std::string error;
+    ASSERT_TRUE(ResolveTarget("-", target, error));
+    EXPECT_EQ(target.kind, TargetKind::StandardOutput);
+    ASSERT_TRUE(ResolveTarget(folder.File("new.wav"), target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::NewFile);
+    std::ofstream(folder.File("old.wav")) << "x";
+    ASSERT_TRUE(ResolveTarget(folder.File("old.wav"), target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::ExistingFile);
+    // A link is followed to its end, relative to the link's folder.
+    mkdir(folder.File("sub").c_str(), 0755);
+    ASSERT_EQ(symlink("../old.wav", folder.File("sub/link.wav").c_str()), 0);
+    ASSERT_TRUE(ResolveTarget(folder.File("sub/link.wav"), target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::ExistingFile);
+    EXPECT_EQ(target.path, folder.File("sub/../old.wav"));
+    EXPECT_EQ(target.given, folder.File("sub/link.wav"));
+    ASSERT_EQ(mkfifo(folder.File("fifo").c_str(), 0600), 0);
+    ASSERT_TRUE(ResolveTarget(folder.File("fifo"), target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::WriteThrough);
+    ASSERT_TRUE(ResolveTarget("/dev/null", target, error)) << error;
+    EXPECT_EQ(target.kind, TargetKind::WriteThrough);
+    EXPECT_FALSE(ResolveTarget(folder.path, target, error));
+    EXPECT_NE(error.find("folder"), std::string::npos) << error;
+    EXPECT_FALSE(ResolveTarget(folder.File("no/such/x.wav"), target, error));
+}
+
+TEST(OutputTarget, ReplacingNeedsYesOrAnAnswer)
+{
+    TempFolder folder;
+    std::ofstream(folder.File("old.wav")) << "x";
+    OutputTarget existing{}, fresh{}, device{};
+    std::string error;
+    ASSERT_TRUE(ResolveTarget(folder.File("old.wav"), existing, error));
+    ASSERT_TRUE(ResolveTarget(folder.File("new.wav"), fresh, error));
+    ASSERT_TRUE(ResolveTarget("/dev/null", device, error));
+    const std::vector<OutputTarget*> all = {&fresh, &device, &existing};
+    const std::vector<OutputTarget*> harmless = {&fresh, &device};
+    EXPECT_TRUE(MayReplace(all, Overwrite::Always, nullptr, nullptr, error));
+    EXPECT_TRUE(MayReplace(harmless, Overwrite::Never, nullptr, nullptr, error));
+    EXPECT_FALSE(MayReplace(all, Overwrite::Never, nullptr, nullptr, error));
+    EXPECT_NE(error.find("not replacing " + folder.File("old.wav")), std::string::npos) << error;
+    EXPECT_FALSE(MayReplace(all, Overwrite::Ask, nullptr, nullptr, error));
+    EXPECT_NE(error.find("give -y"), std::string::npos) << error;
+    // Asked, the answer decides.
+    for (const char* answer : {"y\n", "Yes\n", "n\n", "\n", ""}) {
+        char typed[8] = {};
+        std::snprintf(typed, sizeof typed, "%s", answer);
+        std::FILE* in = fmemopen(typed, std::max<size_t>(1, std::strlen(typed)), "r");
+        char shown[256] = {};
+        std::FILE* out = fmemopen(shown, sizeof shown, "w");
+        const bool yes = MayReplace(all, Overwrite::Ask, in, out, error);
+        std::fclose(in);
+        std::fclose(out);
+        EXPECT_EQ(yes, answer[0] == 'y' || answer[0] == 'Y') << answer;
+        EXPECT_NE(std::string(shown).find("replace " + folder.File("old.wav") + "? [y/N]"), std::string::npos);
+    }
+}
+
+TEST(OutputTarget, ACommittedFileReplacesTheOldOneWithItsPermissions)
+{
+    TempFolder folder;
+    std::ofstream(folder.File("old.wav")) << "old";
+    chmod(folder.File("old.wav").c_str(), 0640);
+    OutputTarget target{};
+    std::string error;
+    ASSERT_TRUE(ResolveTarget(folder.File("old.wav"), target, error));
+    ASSERT_TRUE(PrepareTarget(target, folder.path, error)) << error;
+    EXPECT_EQ(target.temporary.rfind(folder.File(".old.wav.tmp-"), 0), 0u) << target.temporary;
+    std::ofstream(target.temporary) << "new";
+    EXPECT_EQ(ReadWholeFile(folder.File("old.wav")), "old");
+    ASSERT_TRUE(CommitTarget(target, error)) << error;
+    EXPECT_EQ(ReadWholeFile(folder.File("old.wav")), "new");
+    struct stat info{};
+    ASSERT_EQ(stat(folder.File("old.wav").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+    EXPECT_EQ(FolderEntries(folder.path), std::vector<std::string>{"old.wav"});
+}
+
+// --- Settings in force --------------------------------------------------------------
+
+TEST(RenderArgs, EverySettingSaysWhereItsValueCameFrom)
+{
+    std::vector<RegValue> saved;
+    SetRegDword(saved, "Mode", 0);
+    SetRegDword(saved, "Centre_Trim", -3);
+    const RenderOptions options = Parse({"--centre-trim", "4", "--mute", "SL", "i", "o"});
+    const std::vector<SettingInForce> settings = SettingsInForce(saved, options.overrides);
+    ASSERT_EQ(settings.size(), 16u);
+    std::map<std::string, std::pair<int32_t, std::string>> by_name;
+    for (const SettingInForce& setting : settings)
+        by_name[setting.name] = {setting.value, setting.source};
+    EXPECT_EQ(by_name["Mode"], std::make_pair(0, std::string("saved")));
+    EXPECT_EQ(by_name["Centre_Trim"], std::make_pair(4, std::string("option")));
+    EXPECT_EQ(by_name["SL"], std::make_pair(0, std::string("option")));
+    EXPECT_EQ(by_name["Surround_Delay"], std::make_pair(10, std::string("default")));
+    EXPECT_EQ(by_name["Bass_Redir"], std::make_pair(120, std::string("default")));
+    EXPECT_EQ(by_name["L"], std::make_pair(1, std::string("option")));
+}
+
+// --- Messages -------------------------------------------------------------------
+
+TEST(Messages, ThePlugInsLinesOnStandardErrorGoAsideUnlessVerbose)
+{
+    TempFolder folder;
+    SetVerbosity(Verbosity::Normal);
+    ASSERT_TRUE(CaptureProcessorMessages(folder.File("captured")));
+    std::fprintf(stderr, "Kelvane Processor: Failed to open output plugin\n");
+    std::fflush(stderr);
+    EXPECT_NE(UserErrors(), stderr);
+    ReleaseProcessorMessages();
+    EXPECT_EQ(UserErrors(), stderr);
+    EXPECT_EQ(ReadWholeFile(folder.File("captured")), "Kelvane Processor: Failed to open output plugin\n");
+
+    SetVerbosity(Verbosity::Verbose);
+    ASSERT_TRUE(CaptureProcessorMessages(folder.File("verbose")));
+    EXPECT_EQ(UserErrors(), stderr);
+    ReleaseProcessorMessages();
+    EXPECT_EQ(ReadWholeFile(folder.File("verbose")), "");
+    SetVerbosity(Verbosity::Normal);
+}
+
+// --- Levels before the output conversion ------------------------------------------
+
+TEST(Levels, OverFullScaleIsWhereTheOutputWordCannotHoldTheProduct)
+{
+    // 1.0 leaves at 0.85 of full scale; a float of 1.25 gives 34816 at 16
+    // bits, beyond the word; from about 1.1764706 on a sample does not fit.
+    for (int bits : {16, 24, 32}) {
+        EXPECT_FALSE(OverFullScale(1.0f, bits)) << bits;
+        EXPECT_FALSE(OverFullScale(-1.0f, bits)) << bits;
+        EXPECT_FALSE(OverFullScale(1.17f, bits)) << bits;
+        EXPECT_FALSE(OverFullScale(-1.17f, bits)) << bits;
+        EXPECT_TRUE(OverFullScale(1.25f, bits)) << bits;
+        EXPECT_TRUE(OverFullScale(-1.25f, bits)) << bits;
+        EXPECT_TRUE(OverFullScale(1.1764706f, bits)) << bits;
+        EXPECT_TRUE(OverFullScale(std::nanf(""), bits)) << bits;
+        EXPECT_TRUE(OverFullScale(std::numeric_limits<float>::infinity(), bits)) << bits;
+    }
+    // At 16 bits the largest product that fits is 32767.99..., the lowest
+    // -32768.99...; truncation toward zero keeps both.
+    EXPECT_FALSE(OverFullScale(32767.5f / 27852.80078125f, 16));
+    EXPECT_TRUE(OverFullScale(32768.5f / 27852.80078125f, 16));
+    EXPECT_FALSE(OverFullScale(-32768.5f / 27852.80078125f, 16));
+    EXPECT_TRUE(OverFullScale(-32769.5f / 27852.80078125f, 16));
+}
+
+TEST(Levels, OverCountsGoToTheirChannelAndWindow)
+{
+    OverCounts counts{};
+    InitOverCounts(counts, 2);
+    const float quiet[6] = {0.5f, -0.5f, 0.0f, 0.0f, 0.1f, 0.1f};
+    const float loud[6] = {0.5f, -0.5f, 0.0f, 0.0f, 1.3f, -1.2f};
+    AddProcessedFrame(counts, quiet, 16);
+    AddProcessedFrame(counts, quiet, 16);
+    AddProcessedFrame(counts, loud, 16);
+    EXPECT_EQ(counts.frames, 3u);
+    EXPECT_EQ(counts.overs[4], 1u);
+    EXPECT_EQ(counts.overs[5], 1u);
+    EXPECT_EQ(counts.overs[0], 0u);
+    EXPECT_FLOAT_EQ(static_cast<float>(counts.peak[4]), 1.3f);
+    ASSERT_EQ(counts.window_overs.size(), 12u);
+    EXPECT_EQ(counts.window_overs[4], 0u);
+    EXPECT_EQ(counts.window_overs[6 + 4], 1u);
+    EXPECT_EQ(counts.window_overs[6 + 5], 1u);
+    // 1.0 before the conversion is 0.85 of full scale: -1.41 dBFS.
+    EXPECT_NEAR(OutputLevelDb(1.0), 20.0 * std::log10(0.85), 1e-5);
+}
+
+// --- The level report ---------------------------------------------------------------
+
+TEST(Report, EachFileHasItsSectionNameBoundaryAndTimeFromZero)
+{
+    std::vector<ReportFile> files(2);
+    for (size_t f = 0; f < files.size(); ++f) {
+        ReportFile& file = files[f];
+        file.name = f == 0 ? "dir/first.wav" : "second.flac";
+        file.processor_rate = file.output_rate = f == 0 ? 48000 : 24000;
+        InitLevels(file.input, 1, 4800);
+        InitLevels(file.output, 6, 4800);
+        InitOverCounts(file.processed, 4800);
+        // Three seconds for the first, one for the second.
+        const int64_t frames = (f == 0 ? 3 : 1) * file.output_rate;
+        const double level = 0.1;
+        const double six[6] = {0.1, 0.1, 0.1, 0.1, 0.1, 0.1};
+        const float over[6] = {0.0f, 0.0f, 0.0f, 0.0f, f == 1 ? 1.5f : 0.0f, 0.0f};
+        for (int64_t i = 0; i < frames; ++i) {
+            AddLevelFrame(file.input, &level);
+            AddLevelFrame(file.output, six);
+            AddProcessedFrame(file.processed, over, 16);
+        }
+    }
+    const ReportPicture picture = BuildLevelReport(files, false);
+    std::vector<double> lines, zero_marks;
+    std::vector<std::string> texts;
+    int overs = 0;
+    for (const ReportShape& shape : picture.shapes) {
+        if (shape.kind == ReportShape::Line && shape.points[0] == shape.points[2] &&
+            shape.points[3] - shape.points[1] > 100)
+            lines.push_back(shape.points[0]);
+        if (shape.kind == ReportShape::Text) {
+            texts.push_back(shape.text);
+            if (shape.text == "0 s")
+                zero_marks.push_back(shape.points[0]);
+        }
+        if (shape.kind == ReportShape::Rect && shape.colour == "#e00000")
+            ++overs;
+    }
+    // Sections in proportion to the files' lengths: 3 s and 1 s of 800 pixels.
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_DOUBLE_EQ(lines[0], 70.0);
+    EXPECT_DOUBLE_EQ(lines[1], 70.0 + 600.0);
+    ASSERT_EQ(zero_marks.size(), 2u);
+    EXPECT_NEAR(zero_marks[1], 670.0, 3.0);
+    EXPECT_NE(std::find(texts.begin(), texts.end(), "first.wav"), texts.end());
+    EXPECT_NE(std::find(texts.begin(), texts.end(), "second.flac"), texts.end());
+    EXPECT_EQ(std::find(texts.begin(), texts.end(), "3 s"), texts.end()) << "no mark runs on past a file";
+    // One red band per window of the second file, in the SL lane only.
+    EXPECT_EQ(overs, 24000 / 4800);
+    const std::string svg = ReportSvg(picture);
+    EXPECT_NE(svg.find(">second.flac<"), std::string::npos);
+    EXPECT_EQ(svg.rfind("</svg>\n"), svg.size() - 7);
 }
