@@ -13,8 +13,9 @@
 #include "signal/block_math.h"
 #include "signal/frame.h"
 
-// The lanes' wide vectors stay inside this unit; their calling convention
-// does not matter.
+// Every function that takes or returns a wide vector is inlined into its
+// caller, so the calling convention of wide vectors, which differs between
+// vector units, never comes into play.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace {
@@ -92,7 +93,7 @@ typedef float Floats __attribute__((vector_size(16)));
 typedef double Doubles __attribute__((vector_size(32)));
 constexpr uint32_t kLanes = 4;
 
-inline Floats MagnitudeLanes(Floats v)
+__attribute__((always_inline)) inline Floats MagnitudeLanes(Floats v)
 {
     const Floats zero = {0.0f, 0.0f, 0.0f, 0.0f};
     const Floats negativeZero = {-0.0f, -0.0f, -0.0f, -0.0f};
@@ -101,7 +102,7 @@ inline Floats MagnitudeLanes(Floats v)
 
 // Where both magnitudes are zero, both become 1, whose quotient is exactly
 // the 1.0 that RatioOf gives there.
-inline Doubles RatioLanes(Floats a, Floats b)
+__attribute__((always_inline)) inline Doubles RatioLanes(Floats a, Floats b)
 {
     const Floats zero = {0.0f, 0.0f, 0.0f, 0.0f};
     const Floats one = {1.0f, 1.0f, 1.0f, 1.0f};

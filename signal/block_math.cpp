@@ -14,8 +14,9 @@
 #include <cmath>
 #include <cstring>
 
-// The lanes never cross a function boundary that another unit sees, so the
-// calling convention of wide vectors does not matter here.
+// Every function that takes or returns a wide vector is inlined into its
+// caller, so the calling convention of wide vectors, which differs between
+// vector units, never comes into play.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace {
@@ -23,6 +24,7 @@ namespace {
 constexpr int kLanes = 8;
 typedef double Doubles __attribute__((vector_size(kLanes * sizeof(double))));
 typedef uint64_t Words __attribute__((vector_size(kLanes * sizeof(uint64_t))));
+typedef float Floats __attribute__((vector_size(kLanes * sizeof(float))));
 
 constexpr double kLn2High = 6.93147180369123816490e-01;  // ln 2 with its last 32 bits zero
 constexpr double kLn2Low = 1.90821492927058770002e-10;   // ln 2 - kLn2High
@@ -42,7 +44,7 @@ constexpr double kP5 = 4.13813679705723846039e-08;
 // The exponential's lanes are used where the result is a normal float, whose
 // rounding drops exactly 29 bits of the double.
 constexpr double kExpLowest = -87.0;
-constexpr double kExpHighest = 88.0;
+constexpr double kExpHighest = 87.0;
 
 constexpr uint64_t kMantissaMask = 0x000FFFFFFFFFFFFFull;
 constexpr uint64_t kExponentOne = 0x3FF0000000000000ull;
@@ -57,6 +59,13 @@ constexpr uint64_t kRoundedIntegerBits = 0x4338000000000000ull;  // the bits of 
 // boundary is at 2^28.
 constexpr uint32_t kDroppedMask = 0x1FFFFFFFu;
 constexpr uint32_t kDroppedHalf = 0x10000000u;
+
+// The ranges as bits: positive normal finite doubles run from the bits of
+// DBL_MIN over kNormalSpan values; the exponential's bound is 87.
+constexpr uint64_t kSmallestNormalBits = 0x0010000000000000ull;
+constexpr uint64_t kNormalSpan = 0x7FE0000000000000ull;
+constexpr uint64_t kMagnitudeMask = 0x7FFFFFFFFFFFFFFFull;
+constexpr uint64_t kExpBoundBits = 0x4055C00000000000ull;  // 87.0
 
 __attribute__((always_inline)) inline Doubles LogLanes(Doubles x)
 {
@@ -111,35 +120,63 @@ inline bool ExpDomain(double x)
     return x >= kExpLowest && x <= kExpHighest;
 }
 
-// Elements per pass: the lanes fill a buffer of doubles, then one scalar
-// pass checks and rounds them.
-constexpr uint32_t kChunk = 256;
+// The flags of one group, 1 in the lanes to take again from the library:
+// those whose result lies near a float rounding boundary and those whose
+// argument is outside the lanes' range. Whole-number operations only, so
+// that every vector unit does them in its lanes.
+__attribute__((always_inline)) inline Words RedoLanes(Doubles x, Doubles y, bool logarithm)
+{
+    const Words bits = reinterpret_cast<Words>(y);
+    // dropped - (half - margin) from 0 to 2 margin: not wrapped below 0,
+    // and a borrow into bit 63 when 2 margin + 1 is taken away.
+    const Words t = (bits & kDroppedMask) - (kDroppedHalf - kRoundingMargin);
+    const Words near = ((t - (2 * kRoundingMargin + 1)) >> 63) & ~(t >> 63);
+    const Words a = reinterpret_cast<Words>(x);
+    Words inside;
+    if (logarithm) {
+        // A positive normal finite double: its bits from those of DBL_MIN
+        // up to those of DBL_MAX.
+        const Words from = a - kSmallestNormalBits;
+        inside = ((from - kNormalSpan) >> 63) & ~(from >> 63);
+    } else {
+        // |x| no larger than the bound, NaN not at all.
+        inside = ((a & kMagnitudeMask) - (kExpBoundBits + 1)) >> 63;
+    }
+    return near | (inside ^ 1u);
+}
 
 template <Doubles (*Lanes)(Doubles), double (*Library)(double), bool (*Domain)(double)>
-__attribute__((always_inline)) inline void Run(const double* x, float* out, uint32_t count)
+__attribute__((always_inline)) inline void Group(const double* x, float* out, uint32_t n, bool logarithm)
 {
-    double y[kChunk];
-    for (uint32_t i = 0; i < count; i += kChunk, x += kChunk, out += kChunk) {
-        const uint32_t n = count - i < kChunk ? count - i : kChunk;
-        uint32_t j = 0;
-        for (; j + kLanes <= n; j += kLanes) {
-            Doubles v;
-            std::memcpy(&v, x + j, sizeof v);
-            v = Lanes(v);
-            std::memcpy(y + j, &v, sizeof v);
-        }
-        if (j < n) {
-            Doubles v = {0.5, 0.5, 0.5, 0.5, 0.5, 0.5, 0.5, 0.5};  // a harmless argument for both functions
-            for (uint32_t k = j; k < n; ++k)
-                v[k - j] = x[k];
-            v = Lanes(v);
-            for (uint32_t k = j; k < n; ++k)
-                y[k] = v[k - j];
-        }
-        // The lanes' results where they are safe, the library's elsewhere.
+    Doubles v = {0.5, 0.5, 0.5, 0.5, 0.5, 0.5, 0.5, 0.5};  // a harmless argument for both functions
+    if (n == kLanes)
+        std::memcpy(&v, x, sizeof v);
+    else
         for (uint32_t k = 0; k < n; ++k)
-            out[k] = NearBoundary(y[k]) || !Domain(x[k]) ? float(Library(x[k])) : float(y[k]);
+            v[k] = x[k];
+    const Doubles y = Lanes(v);
+    const Floats f = __builtin_convertvector(y, Floats);
+    Words redo = RedoLanes(v, y, logarithm);
+    redo |= __builtin_shufflevector(redo, redo, 4, 5, 6, 7, 0, 1, 2, 3);
+    redo |= __builtin_shufflevector(redo, redo, 2, 3, 0, 1, 6, 7, 4, 5);
+    redo |= __builtin_shufflevector(redo, redo, 1, 0, 3, 2, 5, 4, 7, 6);
+    if (n == kLanes && redo[0] == 0) {
+        std::memcpy(out, &f, sizeof f);
+        return;
     }
+    // The rare group: element by element.
+    for (uint32_t k = 0; k < n; ++k)
+        out[k] = NearBoundary(y[k]) || !Domain(x[k]) ? float(Library(x[k])) : f[k];
+}
+
+template <Doubles (*Lanes)(Doubles), double (*Library)(double), bool (*Domain)(double)>
+__attribute__((always_inline)) inline void Run(const double* x, float* out, uint32_t count, bool logarithm)
+{
+    uint32_t i = 0;
+    for (; i + kLanes <= count; i += kLanes)
+        Group<Lanes, Library, Domain>(x + i, out + i, kLanes, logarithm);
+    if (i < count)
+        Group<Lanes, Library, Domain>(x + i, out + i, count - i, logarithm);
 }
 
 double LibraryLog(double x)
@@ -161,10 +198,10 @@ bool NearFloatBoundary(double value)
 
 KELVANE_VECTOR_CLONES void LogToFloat(const double* x, float* out, uint32_t count)
 {
-    Run<LogLanes, LibraryLog, LogDomain>(x, out, count);
+    Run<LogLanes, LibraryLog, LogDomain>(x, out, count, true);
 }
 
 KELVANE_VECTOR_CLONES void ExpToFloat(const double* x, float* out, uint32_t count)
 {
-    Run<ExpLanes, LibraryExp, ExpDomain>(x, out, count);
+    Run<ExpLanes, LibraryExp, ExpDomain>(x, out, count, false);
 }
