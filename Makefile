@@ -55,13 +55,10 @@ asan-build: deps
 	cmake --preset asan
 	cmake --build --preset asan
 
-# The whole suite under asan, but for the renderer's tests (label render):
-# they are end-to-end runs of minutes of audio that the normal build already
-# runs, and they would take the most of CI's time a second time. Tests that
-# cannot run under the sanitizers at all carry a label with no-asan in it,
-# which the preset leaves out.
+# The whole suite under asan. Tests that cannot run under the sanitizers at
+# all carry a label with no-asan in it, which the preset leaves out.
 test-asan: asan-build
-	ctest --preset asan -LE 'no-asan|^render$$'
+	ctest --preset asan
 
 # The fuzzers, FUZZ_SECONDS each (make fuzz FUZZ_SECONDS=1800); fuzz-short is
 # CI's two minutes each, both at once, one per core.

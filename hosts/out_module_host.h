@@ -31,6 +31,7 @@ struct HostWindow {
 };
 
 constexpr int32_t kOutModuleVersion = 0x10;   // record version of the host's interface
+constexpr int32_t kProcessorModuleId = 6546551;  // the id in out_kelvane's own record
 constexpr uint32_t kWmCommand = 0x111;        // WM_COMMAND
 constexpr uintptr_t kCommandPlay = 40045;     // the host's Play button
 constexpr uintptr_t kCommandStop = 40047;     // the host's Stop button

@@ -35,7 +35,7 @@ for target in "${targets[@]}"; do
   if ASAN_OPTIONS="$options" "$build/fuzz/$target" -max_total_time="$seconds" -timeout=60 -print_final_stats=1 \
        -artifact_prefix="$work/artifacts/" "${extra[@]}" \
        "$work/new" "$source/fuzz/corpus/$name" >"$work/log" 2>&1; then
-    grep -E '^(#[0-9]+[[:space:]]+DONE|Done [0-9]+ runs|stat::number_of_executed_units|stat::peak_rss_mb)' "$work/log" || true
+    grep -E '^(Done [0-9]+ runs|stat::number_of_executed_units|stat::peak_rss_mb)' "$work/log" || true
     grep -E '^#[0-9]+[[:space:]]+(NEW|REDUCE|pulse|DONE)' "$work/log" | tail -1
   else
     status=1

@@ -2,7 +2,7 @@
 # valgrind memcheck over one test binary of each unit of a normal build, with
 # a representative choice of its cases: no invalid read or write, no use of
 # an undefined value, and no leak but the five impulse plans that each engine
-# leaves by design (scripts/sanitizers/valgrind.supp). Prints one line per
+# leaves on purpose (scripts/sanitizers/valgrind.supp). Prints one line per
 # binary and a summary; exits non-zero on the first error found.
 #
 #   scripts/valgrind-memcheck.sh [BUILD_DIR]
@@ -63,13 +63,13 @@ memcheck() {
 }
 
 # Sums of all the logs of a binary: errors, bytes definitely lost, bytes
-# suppressed as the design's plans.
+# suppressed as the engine's plans.
 summarise() {
   cat "$log/$1".*.log | awk '
     /ERROR SUMMARY:/ {errors += $4}
     /definitely lost:/ {gsub(",", "", $4); lost += $4}
     / suppressed: [0-9,]+ bytes/ {gsub(",", "", $3); suppressed += $3}
-    END {printf "errors %d; definitely lost %d bytes; suppressed (the design'"'"'s plans) %d bytes", errors, lost, suppressed}'
+    END {printf "errors %d; definitely lost %d bytes; suppressed (the engines'"'"' five plans) %d bytes", errors, lost, suppressed}'
 }
 
 log="$(mktemp -d /tmp/kelvane-valgrind-XXXXXX)"

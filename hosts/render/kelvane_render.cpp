@@ -25,6 +25,7 @@
 #include "hosts/render/demo_scene.h"
 #include "hosts/render/fftw_wisdom_cache.h"
 #include "hosts/render/messages.h"
+#include "hosts/render/pcm_source.h"
 #include "hosts/render/plugin_host.h"
 #include "hosts/render/render_job.h"
 #include "hosts/render/render_options.h"
@@ -224,6 +225,23 @@ void CheckSavedSettings(const std::string& file, const std::vector<RegValue>& sa
     }
 }
 
+// The settings in force, saved and given, as the processor would get them:
+// false, with the reason told, for a value that only a faulty host would
+// hand over. The options are held to the dialog's ranges already, so such
+// a value comes from the saved file.
+bool SettingsFitTheProcessor(const std::vector<RegValue>& settings, const std::string& file)
+{
+    // A negative delay is no setting that the dialog can make: the processor
+    // would take it as a delay of days and ask for gigabytes of ring.
+    const RegValue* delay = FindRegValue(settings, "Surround_Delay");
+    if (delay != nullptr && delay->is_dword && static_cast<int32_t>(delay->dword) < 0) {
+        Fail("the saved Surround_Delay " + std::to_string(static_cast<int32_t>(delay->dword)) + " in " + file +
+             " is negative: give 0 to 100 ms with --surround-delay, or correct the file");
+        return false;
+    }
+    return true;
+}
+
 // The output word that the options or the saved settings ask for; bits 0
 // to follow the input.
 SampleWord RequestedWord(const RenderOptions& options, const std::vector<RegValue>& saved, const char*& source)
@@ -298,7 +316,14 @@ bool FindPlugins(const RenderOptions& options, PluginPaths& paths)
         Fail(error);
         return false;
     }
+    // Chained to itself, the processor would call its own Open from its
+    // Open without end.
+    const bool itself = probe.module->id == host::kProcessorModuleId;
     UnloadPlugin(probe);
+    if (itself) {
+        Fail("the output plug-in " + paths.writer + " is the processor itself: --out-wav names out_wav.so");
+        return false;
+    }
     ReportTrace("processor " + paths.processor);
     ReportTrace("writer " + paths.writer);
     if (WideLength(paths.writer) > kOutPlugMaxChars) {
@@ -498,6 +523,44 @@ int PlanFiles(const RenderOptions& options, const std::vector<RegValue>& saved, 
     return kExitSuccess;
 }
 
+// Files rendered into a folder, each from a reset processor, do not depend
+// on each other: an input that cannot be read is told about and left out of
+// the request, and the others are rendered. True when one was left out.
+bool LeaveOutUnreadable(RenderRequest& request)
+{
+    std::vector<bool> readable(request.inputs.size(), true);
+    for (size_t i = 0; i < request.inputs.size(); ++i) {
+        PcmSource probe{};
+        std::string error;
+        if (OpenPcmSource(request.inputs[i], probe, error)) {
+            ClosePcmSource(probe);
+            continue;
+        }
+        if (request.input_names[i] != request.inputs[i])
+            error = "cannot read input " + request.input_names[i] + ": " + sf_strerror(nullptr);
+        Fail(error + " (the other inputs are rendered)");
+        readable[i] = false;
+    }
+    if (std::find(readable.begin(), readable.end(), false) == readable.end())
+        return false;
+    // Each output holds one input; the inputs kept are numbered anew.
+    RenderRequest kept = request;
+    kept.inputs.clear();
+    kept.input_names.clear();
+    kept.outputs.clear();
+    for (size_t i = 0; i < request.inputs.size(); ++i) {
+        if (!readable[i])
+            continue;
+        OutputPlan plan = request.outputs[i];
+        plan.inputs = {kept.inputs.size()};
+        kept.inputs.push_back(request.inputs[i]);
+        kept.input_names.push_back(request.input_names[i]);
+        kept.outputs.push_back(plan);
+    }
+    request = kept;
+    return true;
+}
+
 // An ordinary run: the inputs through the processor into the outputs.
 int RenderFiles(const RenderOptions& options, const PluginPaths& paths, RenderContext& context)
 {
@@ -527,12 +590,18 @@ int RenderFiles(const RenderOptions& options, const PluginPaths& paths, RenderCo
     request.show_progress = CurrentVerbosity() != Verbosity::Quiet && isatty(STDERR_FILENO) && !InSideBySideProcess;
     request.settings = saved;
     ApplyOverrides(options.overrides, request.settings);
+    if (!SettingsFitTheProcessor(request.settings, saved_file))
+        return kExitFailure;
     SetRegString(request.settings, "Out_Plug", paths.writer);
     const int mode = EffectiveMode(request.settings);
     if (options.two_channel && mode != kModeHeadphone && mode != kModeEncode)
         ReportNote("--two-channel drops C, LFE, SL and SR, which mode " + std::to_string(mode) + " uses");
     if (options.gapless && options.output_dir.empty())
         ReportNote("--gapless matters only with -o DIR; a joined output always runs on");
+
+    const bool left_out = request.reset_between && !options.output_dir.empty() && LeaveOutUnreadable(request);
+    if (request.inputs.empty())
+        return kExitFailure;
 
     std::string error;
     RenderSummary summary{};
@@ -562,7 +631,7 @@ int RenderFiles(const RenderOptions& options, const PluginPaths& paths, RenderCo
                       bits_source, out);
         PrintSummary(summary, out);
     }
-    return kExitSuccess;
+    return left_out ? kExitFailure : kExitSuccess;
 }
 
 // The whole program after parsing, so that every way out passes the cleanup

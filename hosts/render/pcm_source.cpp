@@ -2,6 +2,7 @@
 #include "hosts/render/pcm_source.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -331,6 +332,11 @@ bool OpenPcmSource(const std::string& path, PcmSource& source, std::string& erro
                         (info.format & SF_FORMAT_SUBMASK) == SF_FORMAT_DOUBLE;
     source.frames = info.frames >= 0 && info.frames < SF_COUNT_MAX ? info.frames : -1;
     source.truncated = HeaderPromisesMore(source.file);
+    if (stat(path.c_str(), &source.opened) != 0) {
+        error = "cannot read input " + path + ": " + std::strerror(errno);
+        ClosePcmSource(source);
+        return false;
+    }
     if (info.samplerate <= 0 || info.channels < 1) {
         error = "unsupported input " + path + ": no sample rate or no channels";
         ClosePcmSource(source);
@@ -390,6 +396,26 @@ bool RewindPcmSource(PcmSource& source, std::string& error)
     source.at_end = false;
     source.pending.clear();
     return PlanPcmSource(source, source.plan, error);
+}
+
+bool PcmSourceUnchanged(const PcmSource& source, const std::string& name, std::string& error)
+{
+    struct stat now;
+    if (stat(source.path.c_str(), &now) != 0) {
+        error = "input " + name + " disappeared while it was being read: " + std::strerror(errno);
+        return false;
+    }
+    const struct stat& then = source.opened;
+    if (now.st_dev != then.st_dev || now.st_ino != then.st_ino) {
+        error = "input " + name + " was replaced by another file while it was being read";
+        return false;
+    }
+    if (now.st_size != then.st_size || now.st_mtim.tv_sec != then.st_mtim.tv_sec ||
+        now.st_mtim.tv_nsec != then.st_mtim.tv_nsec) {
+        error = "input " + name + " changed while it was being read";
+        return false;
+    }
+    return true;
 }
 
 void ClosePcmSource(PcmSource& source)

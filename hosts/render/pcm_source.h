@@ -10,6 +10,8 @@
 // compressed files go the same way.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -40,6 +42,7 @@ struct PcmSource {
     bool file_float;            // the file holds floats
     int64_t frames;             // length as the file states it; -1 when unknown
     bool truncated;             // the file's header promises more than it holds
+    struct stat opened;         // the file as it stood when it was opened
 
     // What the processor gets.
     int rate;                   // frames per second
@@ -71,6 +74,12 @@ bool OpenPcmSource(const std::string& path, PcmSource& source, std::string& erro
 // Decides what the processor gets from the file. False with `error` when
 // the file cannot be fed as planned (three channels without a downmix ...).
 bool PlanPcmSource(PcmSource& source, const FeedPlan& plan, std::string& error);
+
+// True when the file is still the one that was opened, as it was: in its
+// place, with its length and time. False with a one-line `error` (which
+// names the file as `name`) when it was removed, replaced or changed while
+// it was being read, so that what was read of it may not be all of it.
+bool PcmSourceUnchanged(const PcmSource& source, const std::string& name, std::string& error);
 
 void ClosePcmSource(PcmSource& source);
 

@@ -346,8 +346,12 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
                 error = "cannot read input " + request.input_names[i] + ": " + sf_strerror(source.file);
                 return false;
             }
-            if (got == 0)
+            if (got == 0) {
+                // All of it, unless the file went or changed under us.
+                if (!PcmSourceUnchanged(source, request.input_names[i], error))
+                    return false;
                 break;
+            }
             record.fed[i] += static_cast<uint64_t>(got);
             stream_frames += static_cast<uint64_t>(got);
             if (!write(static_cast<int>(got), frame_bytes, i))
@@ -632,8 +636,10 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
                 frames = static_cast<size_t>(std::min<uint64_t>(frames, source.frames_read - emitted));
                 if (frames == 0)
                     return true;
-                if (!WriteSoundFrames(run.writer, frames_in.data(), frames, error))
+                if (!WriteSoundFrames(run.writer, frames_in.data(), frames, error)) {
+                    error = "cannot write " + plan.target.given + ": " + error;
                     return false;
+                }
                 for (size_t f = 0; f < frames; ++f) {
                     AddLevelFrame(result.levels, &frames_in[f * static_cast<size_t>(keep_channels)]);
                     AddLevelFrame(file.output, &frames_in[f * static_cast<size_t>(keep_channels)]);

@@ -39,6 +39,7 @@ extern volatile std::sig_atomic_t RenderInterrupted;
 // processor takes.
 constexpr int kWriteFrames = 576;
 constexpr int kMaxWriteFrames = 8192;
+static_assert(kWriteFrames <= kMaxWriteFrames, "a write must stay within what the processor takes");
 
 // The block of the headphone convolver: frames are held back until a whole
 // block has come in, so a full block of silence behind the last frame lets

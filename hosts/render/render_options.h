@@ -59,7 +59,8 @@ struct RenderOptions {
 
 // Exit statuses, as --help lists them.
 constexpr int kExitSuccess = 0;
-constexpr int kExitFailure = 1;      // an input, output or plug-in problem; nothing is written
+constexpr int kExitFailure = 1;      // an input, output or plug-in problem; nothing is written, but for
+                                     // the other files of a folder of outputs when an input cannot be read
 constexpr int kExitUsage = 2;        // the command line cannot be used
 constexpr int kExitClipped = 3;      // --fail-on-clip and a sample went over full scale
 constexpr int kExitInterrupted = 130;

@@ -207,7 +207,7 @@ bool WriteSoundFrames(SoundWriter& writer, double* samples, size_t frames, std::
         written = sf_writef_int(writer.file, writer.ints.data(), static_cast<sf_count_t>(frames));
     }
     if (written != static_cast<sf_count_t>(frames)) {
-        error = std::string("cannot write output: ") + sf_strerror(writer.file);
+        error = sf_strerror(writer.file);
         return false;
     }
     return true;

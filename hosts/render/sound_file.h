@@ -66,7 +66,7 @@ bool OpenSoundWriter(const std::string& path, int format, int rate, int channels
 // Writes `frames` frames of full-scale samples (1.0 is full scale). Integer
 // words are rounded to the nearest step, with dither when asked for, and
 // limited to the word's range; each sample is replaced by the value that
-// the file now holds, for measuring. False with `error`.
+// the file now holds, for measuring. False with the reason in `error`.
 bool WriteSoundFrames(SoundWriter& writer, double* samples, size_t frames, std::string& error);
 
 // Finishes the file. False with `error` when it could not be completed.

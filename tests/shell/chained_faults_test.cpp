@@ -118,7 +118,7 @@ TEST_F(ChainedFaults, LibraryWithoutExportInTheSettings_OpenFaultsTheProcess)
 {
     // Only the dialog tests for the export, and it never stores such a path;
     // a settings file edited by hand to hold one makes Open call through a
-    // null address, as designed.
+    // null address: that is how it is meant.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Start(RecorderSettings(kBypass, 16, NO_EXPORT_PATH));
     EXPECT_DEATH(module->Open(44100, 2, 16, 0, 0), "");

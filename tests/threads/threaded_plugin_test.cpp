@@ -1,6 +1,6 @@
 // The dialog on the host's interface thread while the host's playing thread
 // opens, writes and closes, as a host runs them. What the two threads share
-// by design is plain words read anew at every use: the settings, the reset
+// on purpose is plain words read anew at every use: the settings, the reset
 // request, the stream words that the status text shows. Everything else
 // (the engine, its blocks, the chained record) belongs to the playing thread
 // alone. Under ThreadSanitizer (the tsan preset) a race on anything but the
