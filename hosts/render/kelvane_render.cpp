@@ -142,7 +142,8 @@ bool MakeFolder(const std::string& path, std::string& error)
 {
     if (IsFolder(path))
         return true;
-    if (mkdir(path.c_str(), 0755) != 0) {
+    // Another process rendering beside this one (-j) may make it first.
+    if (mkdir(path.c_str(), 0755) != 0 && !(errno == EEXIST && IsFolder(path))) {
         error = "cannot create folder " + path + ": " + std::strerror(errno);
         return false;
     }
