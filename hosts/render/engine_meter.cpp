@@ -33,19 +33,22 @@ const float* MeterWrite(EngineMeter& meter, const uint8_t* source, uint32_t byte
     return meter.engine->FrameBlock.data;
 }
 
-bool OverFullScale(float sample, int bits)
+FullScaleLimits FullScaleOf(int bits)
 {
     float scale = kOutputScale16;
     if (bits == 24)
         scale = kOutputScale24;
     else if (bits == 32)
         scale = kOutputScale32;
-    // The product in single precision, as the conversion forms it.
     // Truncation keeps anything above one step past negative full scale,
     // so the lower bound is that step; it is compared in double precision,
     // where it exists at 32 bits too.
-    const float product = sample * scale;
-    const double value = product;
-    const double steps = std::ldexp(1.0, bits - 1);
-    return std::isnan(value) || value >= steps || value <= -steps - 1.0;
+    const double steps = static_cast<double>(int64_t{1} << (bits - 1));
+    return {scale, steps, -steps - 1.0};
+}
+
+// The product in single precision, as the conversion forms it.
+bool OverFullScale(float sample, int bits)
+{
+    return OverFullScale(sample, FullScaleOf(bits));
 }

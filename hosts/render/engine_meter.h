@@ -39,3 +39,19 @@ const float* MeterWrite(EngineMeter& meter, const uint8_t* source, uint32_t byte
 // toward zero, so a product of full scale or more, or one step or more past
 // negative full scale, wraps (and so does NaN).
 bool OverFullScale(float sample, int bits);
+
+// The same test with the word's limits worked out once, for a run of
+// samples: the factor of the conversion and the two bounds of the product.
+struct FullScaleLimits {
+    float scale;
+    double high;   // full scale: this or more wraps
+    double low;    // one step past negative full scale: this or less wraps
+};
+
+FullScaleLimits FullScaleOf(int bits);
+
+inline bool OverFullScale(float sample, const FullScaleLimits& limits)
+{
+    const double value = sample * limits.scale;
+    return value != value || value >= limits.high || value <= limits.low;
+}

@@ -222,11 +222,12 @@ void AddProcessedFrame(OverCounts& counts, const float* frame, int bits)
             counts.window_overs.resize(counts.window_overs.size() + 6, 0);
         window = &counts.window_overs[counts.window_overs.size() - 6];
     }
+    const FullScaleLimits limits = FullScaleOf(bits);
     for (int c = 0; c < 6; ++c) {
         const double magnitude = std::fabs(static_cast<double>(frame[c]));
         if (magnitude > counts.peak[c] || std::isnan(magnitude))
             counts.peak[c] = magnitude;
-        if (OverFullScale(frame[c], bits)) {
+        if (OverFullScale(frame[c], limits)) {
             ++counts.overs[c];
             if (window != nullptr)
                 ++window[c];

@@ -190,10 +190,17 @@ bool ReadStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int k
             error = "cannot read back the processor's output";
             return false;
         }
-        for (uint64_t i = 0; i < run; ++i)
-            for (int c = 0; c < keep; ++c)
-                out.push_back(words[static_cast<size_t>(i) * static_cast<size_t>(stream.channels) +
-                                    static_cast<size_t>(c)] / kInt32FullScale);
+        // A power of two: the product by its reciprocal is the quotient.
+        constexpr double kStep = 1.0 / kInt32FullScale;
+        const size_t channels = static_cast<size_t>(stream.channels);
+        const size_t kept = static_cast<size_t>(keep);
+        const size_t start = out.size();
+        out.resize(start + static_cast<size_t>(run) * kept);
+        double* to = out.data() + start;
+        const int32_t* from = words.data();
+        for (uint64_t i = 0; i < run; ++i, from += channels, to += kept)
+            for (size_t c = 0; c < kept; ++c)
+                to[c] = from[c] * kStep;
         first += run;
         count -= run;
     }
@@ -640,10 +647,8 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
                     error = "cannot write " + plan.target.given + ": " + error;
                     return false;
                 }
-                for (size_t f = 0; f < frames; ++f) {
-                    AddLevelFrame(result.levels, &frames_in[f * static_cast<size_t>(keep_channels)]);
-                    AddLevelFrame(file.output, &frames_in[f * static_cast<size_t>(keep_channels)]);
-                }
+                AddLevelFrames(result.levels, frames_in.data(), frames);
+                AddLevelFrames(file.output, frames_in.data(), frames);
                 emitted += frames;
                 return true;
             };

@@ -55,6 +55,18 @@ double Uniform(uint32_t& state)
     return static_cast<double>(state) / 4294967296.0 - 0.5;
 }
 
+// std::nearbyint in the default rounding mode, without a library call where
+// the sum with 1.5 * 2^52 rounds to a whole number exactly: below 2^51 in
+// magnitude. The sign is the argument's, so -0.3 gives -0.0 as nearbyint does.
+double RoundToNearest(double x)
+{
+    constexpr double kLimit = 2251799813685248.0;  // 2^51
+    constexpr double kShift = 6755399441055744.0;  // 1.5 * 2^52
+    if (std::fabs(x) < kLimit)
+        return std::copysign((x + kShift) - kShift, x);
+    return std::nearbyint(x);
+}
+
 }  // namespace
 
 bool ContainerByName(const std::string& name, Container& container)
@@ -182,28 +194,33 @@ bool WriteSoundFrames(SoundWriter& writer, double* samples, size_t frames, std::
     } else {
         // Steps of the word, and the shift that puts them in the top bits
         // where libsndfile takes an integer sample.
-        const double steps = std::ldexp(1.0, writer.word.bits - 1);
+        const double steps = static_cast<double>(int64_t{1} << (writer.word.bits - 1));
         const int shift = 32 - writer.word.bits;
+        const size_t channels = static_cast<size_t>(writer.channels);
         writer.ints.resize(count);
-        for (size_t i = 0; i < count; ++i) {
-            const double exact = samples[i] * steps;
-            double value = exact;
-            if (writer.dither)
-                value += Uniform(writer.noise) + Uniform(writer.noise);
-            value = std::nearbyint(value);
-            // A sample that rounds beyond the word without the noise is an
-            // over; the noise alone may only nudge a full-scale sample
-            // against the limit.
-            const double rounded = std::nearbyint(exact);
-            if (rounded > steps - 1.0 || rounded < -steps)
-                ++writer.overs[i % static_cast<size_t>(writer.channels)];
-            if (value > steps - 1.0)
-                value = steps - 1.0;
-            if (value < -steps)
-                value = -steps;
-            samples[i] = value / steps;
-            writer.ints[i] = static_cast<int32_t>(static_cast<uint32_t>(static_cast<int32_t>(value)) << shift);
-        }
+        for (size_t i = 0; i < count; i += channels)
+            for (size_t c = 0; c < channels; ++c) {
+                const double exact = samples[i + c] * steps;
+                // A sample that rounds beyond the word without the noise is
+                // an over; the noise alone may only nudge a full-scale
+                // sample against the limit.
+                const double rounded = RoundToNearest(exact);
+                double value = rounded;
+                if (writer.dither) {
+                    value = exact;
+                    value += Uniform(writer.noise) + Uniform(writer.noise);
+                    value = RoundToNearest(value);
+                }
+                if (rounded > steps - 1.0 || rounded < -steps)
+                    ++writer.overs[c];
+                if (value > steps - 1.0)
+                    value = steps - 1.0;
+                if (value < -steps)
+                    value = -steps;
+                samples[i + c] = value / steps;
+                writer.ints[i + c] =
+                    static_cast<int32_t>(static_cast<uint32_t>(static_cast<int32_t>(value)) << shift);
+            }
         written = sf_writef_int(writer.file, writer.ints.data(), static_cast<sf_count_t>(frames));
     }
     if (written != static_cast<sf_count_t>(frames)) {
