@@ -10,6 +10,7 @@
 
 #include "hosts/render/engine_meter.h"
 #include "hosts/render/messages.h"
+#include "hosts/render/meter_thread.h"
 #include "hosts/render/pcm_source.h"
 #include "hosts/render/report.h"
 #include "hosts/render/resampler.h"
@@ -277,32 +278,22 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
     }
     StartEngineMeter(meter);
     ResetEngineMeter(meter);
+    MeterThread metering;
+    StartMeterThread(metering, meter, record.offset, record.fed, record.processed, processor_bits);
 
     size_t segment = 0;
-    size_t attributed = 0;         // the input that the meter's frames belong to now
     uint64_t stream_frames = 0;    // frames written since the last reset, silence included
-    uint64_t metered_frames = 0;   // frames that the meter gave back since the last reset
     std::vector<uint8_t> block;
     std::vector<uint8_t> buffer;
     std::vector<double> power;
 
-    // One write to the plug-in and the meter; the meter's frames are counted
-    // to the input that they belong to, the padding's to none.
+    // One write to the plug-in and the meter, which counts its frames to
+    // the input that they belong to, the padding's to none.
     auto write = [&](int frames, int frame_bytes, size_t current) {
         PrepareWriteBuffer(buffer, block);
         if (with_plugin && !WriteBlock(module, buffer, frames * frame_bytes, error))
             return false;
-        uint32_t out_frames = 0;
-        const float* processed =
-            MeterWrite(meter, buffer.data(), static_cast<uint32_t>(frames * frame_bytes), out_frames);
-        for (uint32_t f = 0; f < out_frames; ++f, ++metered_frames) {
-            while (attributed < current && metered_frames >= record.offset[attributed] + record.fed[attributed])
-                ++attributed;
-            if (metered_frames >= record.offset[attributed] &&
-                metered_frames < record.offset[attributed] + record.fed[attributed])
-                AddProcessedFrame(record.processed[attributed], processed + static_cast<size_t>(f) * kFrameSlots,
-                                  processor_bits);
-        }
+        QueueMeterWrite(metering, buffer, static_cast<uint32_t>(frames * frame_bytes), current, record.fed[current]);
         return true;
     };
 
@@ -323,9 +314,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
                 SendHostCommand(*context.session, host::kCommandPlay);
             }
             segment = i;
-            attributed = i;
             stream_frames = 0;
-            metered_frames = 0;
+            QueueMeterRestart(metering, i);
         }
         if (with_plugin) {
             ReportTrace("Open " + std::to_string(source.rate) + " Hz, " + std::to_string(source.channels) +
@@ -338,7 +328,7 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             module->SetVolume(kFullVolume);
             module->SetPan(kCentrePan);
         }
-        OpenEngineMeter(meter, source.rate, source.channels, source.bits);
+        QueueMeterOpen(metering, source.rate, source.channels, source.bits);
 
         const int frame_bytes = source.channels * source.bits / 8;
         record.segment[i] = segment;
@@ -395,7 +385,7 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
                 ReportTrace("Stop (the processor resets at Close)");
                 SendHostCommand(*context.session, host::kCommandStop);
             }
-            ResetEngineMeter(meter);
+            QueueMeterReset(metering);
         }
         if (with_plugin) {
             ReportTrace("Close");
@@ -408,7 +398,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
         module->Quit();
         run.initialised = false;
     }
-    ResetEngineMeter(meter);
+    QueueMeterReset(metering);
+    FinishMeterThread(metering);
     return true;
 }
 
