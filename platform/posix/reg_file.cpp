@@ -355,8 +355,11 @@ std::string MergedText(std::string_view old, const std::string& key_path, const 
                     return;
                 }
             }
-            text += WithoutCr(line);
-            text += '\n';
+            // Every line ends in LF, but a line whose own text ends in CR
+            // keeps it behind a CR LF, or it would read as another line.
+            const std::string_view own = WithoutCr(line);
+            text += own;
+            text += !own.empty() && own.back() == '\r' ? "\r\n" : "\n";
             if (inKey && (kind == LineKind::Section || kind == LineKind::Other))
                 insertAt = text.size();
         });

@@ -262,6 +262,19 @@ TEST_F(RegFileTest, Save_NoRegFileThere_ReplacedWhole)
     EXPECT_EQ(Read(), kHeader + "\n[" + kKey + "]\n\"Mode\"=dword:00000002\n");
 }
 
+TEST_F(RegFileTest, Save_LineEndingInACarriageReturnOfItsOwn_KeepsItsMeaning)
+{
+    // "[Other]\r" before the line feed of CR LF is no section header, so the
+    // values behind it are ours; the save must not turn it into one.
+    Write(kHeader + "\n[" + kKey + "]\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Other]\r\r\n\"Mode\"=dword:2\r\n" +
+          "\"L\"=dword:1\n");
+    EXPECT_EQ(Values(), (std::vector<std::string>{"Mode=2", "L=1"}));
+    ASSERT_TRUE(Save({Dword("Mode", 3)}));
+    EXPECT_EQ(Read(), kHeader + "\n[" + kKey + "]\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Other]\r\r\n" +
+                          "\"Mode\"=dword:00000003\n\"L\"=dword:1\n");
+    EXPECT_EQ(Values(), (std::vector<std::string>{"Mode=3", "L=1"}));
+}
+
 TEST_F(RegFileTest, Save_NameWithNul_NotWrittenAndItsLineKeptWhole)
 {
     const std::string nulName("Out_Plug\0x", 10);
