@@ -170,6 +170,9 @@ int64_t ReadExact(PcmSource& source, int frames, std::vector<uint8_t>& bytes, st
     bytes.resize(static_cast<size_t>(got) * channels * sample_bytes);
     if (frame_power != nullptr)
         frame_power->assign(static_cast<size_t>(got), 0.0);
+    // A power of two: the product by its reciprocal is the quotient.
+    constexpr double kStep = 1.0 / kInt32FullScale;
+    double peak = source.peak;
     for (sf_count_t i = 0; i < got; ++i) {
         double power = 0.0;
         for (int c = 0; c < channels; ++c) {
@@ -177,14 +180,15 @@ int64_t ReadExact(PcmSource& source, int frames, std::vector<uint8_t>& bytes, st
             // own bits are the top ones.
             const int32_t word = source.ints[static_cast<size_t>(i * file_channels + std::min(c, file_channels - 1))];
             const int32_t value = word >> (32 - source.bits);
-            const double level = word / kInt32FullScale;
+            const double level = word * kStep;
             StorePcmSample(&bytes[static_cast<size_t>((i * channels + c) * sample_bytes)], source.bits, value);
             power += level * level;
-            source.peak = std::max(source.peak, std::fabs(level));
+            peak = std::max(peak, std::fabs(level));
         }
         if (frame_power != nullptr)
             (*frame_power)[static_cast<size_t>(i)] = power / channels;
     }
+    source.peak = peak;
     source.frames_read += static_cast<uint64_t>(got);
     source.frames_fed += static_cast<uint64_t>(got);
     if (got == 0)

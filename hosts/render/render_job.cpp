@@ -353,10 +353,9 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             stream_frames += static_cast<uint64_t>(got);
             if (!write(static_cast<int>(got), frame_bytes, i))
                 return false;
-            for (double p : power) {
-                const double level = std::sqrt(p);
-                AddLevelFrame(record.levels[i], &level);
-            }
+            for (double& p : power)
+                p = std::sqrt(p);
+            AddLevelFrames(record.levels[i], power.data(), power.size());
             progress.frames_done += static_cast<uint64_t>(got);
             progress.audio_seconds += static_cast<double>(got) / source.rate;
             DrawProgress(progress, false);
