@@ -195,6 +195,7 @@ bool WriteSoundFrames(SoundWriter& writer, double* samples, size_t frames, std::
         // Steps of the word, and the shift that puts them in the top bits
         // where libsndfile takes an integer sample.
         const double steps = static_cast<double>(int64_t{1} << (writer.word.bits - 1));
+        const double step = 1.0 / steps;  // exact: steps is a power of two
         const int shift = 32 - writer.word.bits;
         const size_t channels = static_cast<size_t>(writer.channels);
         writer.ints.resize(count);
@@ -217,7 +218,7 @@ bool WriteSoundFrames(SoundWriter& writer, double* samples, size_t frames, std::
                     value = steps - 1.0;
                 if (value < -steps)
                     value = -steps;
-                samples[i + c] = value / steps;
+                samples[i + c] = value * step;
                 writer.ints[i + c] =
                     static_cast<int32_t>(static_cast<uint32_t>(static_cast<int32_t>(value)) << shift);
             }
