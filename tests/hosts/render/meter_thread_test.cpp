@@ -23,8 +23,9 @@ constexpr uint32_t kPaddingFrames = 8192;  // the convolver's block: it lets go 
 
 // Three inputs: the first two play on into each other, the third starts
 // after a reset. Stereo of 16 bits, loud and in antiphase, so that the
-// surrounds of the steered decoder go over full scale.
-const uint32_t kInputFrames[3] = {3000, 1000, 2500};
+// surrounds of the steered decoder go over full scale. Long enough that the
+// queue fills up and the pass goes on while the thread counts.
+const uint32_t kInputFrames[3] = {200000, 1000, 150000};
 const bool kResetBefore[3] = {false, false, true};
 const int kSegment[3] = {0, 0, 1};  // inputs between two resets
 
