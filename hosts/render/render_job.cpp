@@ -173,32 +173,36 @@ bool OpenPieces(const std::vector<std::string>& paths, PieceStream& stream, std:
 }
 
 // Reads frames [first, first + count) of the stream as full-scale samples,
-// keeping the first `keep` channels of each frame.
+// keeping the first `keep` channels of each frame; `words` gets the frames
+// whole, as libsndfile reads them (left-aligned in 32 bits).
 bool ReadStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int keep, std::vector<int32_t>& words,
                       std::vector<double>& out, std::string& error)
 {
     out.clear();
+    words.clear();
     size_t piece = 0;
     while (count > 0) {
         while (piece + 1 < stream.files.size() && stream.first_frame[piece + 1] <= first)
             ++piece;
         const uint64_t offset = first - stream.first_frame[piece];
         const uint64_t run = std::min(count, stream.frames[piece] - offset);
-        words.resize(static_cast<size_t>(run) * static_cast<size_t>(stream.channels));
+        const size_t channels = static_cast<size_t>(stream.channels);
+        const size_t read_at = words.size();
+        words.resize(read_at + static_cast<size_t>(run) * channels);
         SNDFILE* file = stream.files[piece];
         if (run == 0 || sf_seek(file, static_cast<sf_count_t>(offset), SEEK_SET) < 0 ||
-            sf_readf_int(file, words.data(), static_cast<sf_count_t>(run)) != static_cast<sf_count_t>(run)) {
+            sf_readf_int(file, words.data() + read_at, static_cast<sf_count_t>(run)) !=
+                static_cast<sf_count_t>(run)) {
             error = "cannot read back the processor's output";
             return false;
         }
         // A power of two: the product by its reciprocal is the quotient.
         constexpr double kStep = 1.0 / kInt32FullScale;
-        const size_t channels = static_cast<size_t>(stream.channels);
         const size_t kept = static_cast<size_t>(keep);
         const size_t start = out.size();
         out.resize(start + static_cast<size_t>(run) * kept);
         double* to = out.data() + start;
-        const int32_t* from = words.data();
+        const int32_t* from = words.data() + read_at;
         for (uint64_t i = 0; i < run; ++i, from += channels, to += kept)
             for (size_t c = 0; c < kept; ++c)
                 to[c] = from[c] * kStep;
@@ -627,13 +631,20 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
             Resampler back{};
             if (resampling && !OpenResampler(back, source.rate, source.file_rate, keep_channels, error))
                 return false;
+            // The processor's words go on as they are when the output has
+            // its word size and every channel, and nothing is resampled or
+            // dithered: each sample then is exactly the word it came as.
+            const bool as_is = !resampling && !result.dithered && !plan.word.floating &&
+                               plan.word.bits == processor_bits && keep_channels == run.stream.channels;
             uint64_t emitted = 0;
             auto emit = [&](std::vector<double>& frames_in) {
                 size_t frames = frames_in.size() / static_cast<size_t>(keep_channels);
                 frames = static_cast<size_t>(std::min<uint64_t>(frames, source.frames_read - emitted));
                 if (frames == 0)
                     return true;
-                if (!WriteSoundFrames(run.writer, frames_in.data(), frames, error)) {
+                const bool written = as_is ? WriteSoundWords(run.writer, words.data(), frames, error)
+                                           : WriteSoundFrames(run.writer, frames_in.data(), frames, error);
+                if (!written) {
                     error = "cannot write " + plan.target.given + ": " + error;
                     return false;
                 }

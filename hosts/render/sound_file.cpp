@@ -180,6 +180,15 @@ bool OpenSoundWriter(const std::string& path, int format, int rate, int channels
     return true;
 }
 
+bool WriteSoundWords(SoundWriter& writer, const int32_t* words, size_t frames, std::string& error)
+{
+    if (sf_writef_int(writer.file, words, static_cast<sf_count_t>(frames)) != static_cast<sf_count_t>(frames)) {
+        error = sf_strerror(writer.file);
+        return false;
+    }
+    return true;
+}
+
 bool WriteSoundFrames(SoundWriter& writer, double* samples, size_t frames, std::string& error)
 {
     const size_t count = frames * static_cast<size_t>(writer.channels);

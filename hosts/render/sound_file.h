@@ -69,5 +69,9 @@ bool OpenSoundWriter(const std::string& path, int format, int rate, int channels
 // the file now holds, for measuring. False with the reason in `error`.
 bool WriteSoundFrames(SoundWriter& writer, double* samples, size_t frames, std::string& error);
 
+// Writes `frames` frames of words left-aligned in 32 bits, of the file's
+// word size exactly (the low bits zero), as they are. False with `error`.
+bool WriteSoundWords(SoundWriter& writer, const int32_t* words, size_t frames, std::string& error);
+
 // Finishes the file. False with `error` when it could not be completed.
 bool CloseSoundWriter(SoundWriter& writer, std::string& error);
