@@ -4,7 +4,9 @@
 // forwards to another, or loaded by a player directly. `Open` creates the file
 // for the stream's rate, channels and bits, `Write` appends the bytes as they
 // come, `Close` finishes the file. Samples are never touched: volume and pan
-// are accepted and ignored so that the file holds exactly the stream.
+// are accepted and ignored so that the file holds exactly the stream, or the
+// first channels of each of its frames when the key's dword Out_Channels
+// asks for fewer than the stream has.
 //
 // The file is written through libsndfile as RF64 that is turned into a plain
 // WAV (WAVE_FORMAT_EXTENSIBLE, six channels saying L, R, C, LFE, SL, SR) at
@@ -33,6 +35,7 @@ namespace {
 constexpr const char* kMakerName = "Morrowfen";
 constexpr const char* kKeyName = "OutWav";
 constexpr const char* kOutFileValue = "Out_File";
+constexpr const char* kOutChannelsValue = "Out_Channels";
 constexpr const char* kDefaultFileName = "out_wav.wav";
 constexpr const char* kCaption = "WAV Writer";
 constexpr int kOwnModuleId = 0x57415601;
@@ -45,7 +48,9 @@ struct WavWriterState {
     SNDFILE* file;            // the open output, null between Close and Open
     std::string path;         // where it goes
     int rate;                 // as opened: frames per second
-    int frame_bytes;          // bytes of one frame
+    int frame_bytes;          // bytes of one frame of the stream
+    int kept_bytes;           // bytes of it that go to the file: its first channels
+    std::vector<char> kept;   // scratch: the kept part of each frame of a write
     std::vector<char> partial;  // the start of a frame that a write cut off
     uint64_t data_bytes;      // sample bytes taken since Open
     uint64_t bytes_at_flush;  // data_bytes at the last Flush, the origin of the clock
@@ -70,14 +75,30 @@ std::string DefaultOutFile()
     return kDefaultFileName;
 }
 
-std::string ConfiguredOutFile()
+std::vector<RegValue> ConfiguredValues()
 {
     std::vector<RegValue> values;
     ReadRegKey(RegStoreFile(kMakerName, kKeyName), RegKeyPath(kMakerName, kKeyName), values);
+    return values;
+}
+
+std::string ConfiguredOutFile(const std::vector<RegValue>& values)
+{
     const RegValue* value = FindRegValue(values, kOutFileValue);
     if (value == nullptr || value->is_dword || value->text.empty())
         return DefaultOutFile();
     return value->text;
+}
+
+// The channels of a stream of `channels` that go to the file: all of them
+// unless Out_Channels names fewer (and at least one).
+int ConfiguredChannels(const std::vector<RegValue>& values, int channels)
+{
+    const RegValue* value = FindRegValue(values, kOutChannelsValue);
+    if (value == nullptr || !value->is_dword)
+        return channels;
+    const int32_t asked = static_cast<int32_t>(value->dword);
+    return asked >= 1 && asked < channels ? asked : channels;
 }
 
 int MillisecondsOf(uint64_t bytes)
@@ -117,7 +138,7 @@ int Subtype(int bits)
 
 void Config(host::HWND)
 {
-    ShowMessage("writes to " + ConfiguredOutFile() + " (value Out_File in " + RegStoreFile(kMakerName, kKeyName) + ")");
+    ShowMessage("writes to " + ConfiguredOutFile(ConfiguredValues()) + " (value Out_File in " + RegStoreFile(kMakerName, kKeyName) + ")");
 }
 
 void About(host::HWND)
@@ -144,16 +165,19 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
                     std::to_string(bitspersamp) + " bits at " + std::to_string(samplerate) + " Hz");
         return -1;
     }
-    Writer.path = ConfiguredOutFile();
+    const std::vector<RegValue> values = ConfiguredValues();
+    const int kept_channels = ConfiguredChannels(values, numchannels);
+    Writer.path = ConfiguredOutFile(values);
     Writer.rate = samplerate;
     Writer.frame_bytes = numchannels * bitspersamp / 8;
+    Writer.kept_bytes = kept_channels * bitspersamp / 8;
     Writer.partial.clear();
     Writer.data_bytes = 0;
     Writer.bytes_at_flush = 0;
     Writer.time_at_flush_ms = 0;
     SF_INFO info{};
     info.samplerate = samplerate;
-    info.channels = numchannels;
+    info.channels = kept_channels;
     info.format = SF_FORMAT_RF64 | Subtype(bitspersamp);
     Writer.file = sf_open(Writer.path.c_str(), SFM_WRITE, &info);
     if (Writer.file == nullptr) {
@@ -161,7 +185,7 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
         return -1;
     }
     sf_command(Writer.file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
-    if (numchannels == 6) {
+    if (kept_channels == 6) {
         int map[6] = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT,     SF_CHANNEL_MAP_CENTER,
                       SF_CHANNEL_MAP_LFE,  SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
         sf_command(Writer.file, SFC_SET_CHANNEL_MAP_INFO, map, sizeof map);
@@ -182,13 +206,24 @@ int Write(char* buf, int len)
         return 1;
     std::vector<char>& partial = Writer.partial;
     partial.insert(partial.end(), buf, buf + len);
-    const size_t whole = partial.size() - partial.size() % static_cast<size_t>(Writer.frame_bytes);
-    if (whole > 0 && sf_write_raw(Writer.file, partial.data(), static_cast<sf_count_t>(whole)) !=
+    const size_t frame = static_cast<size_t>(Writer.frame_bytes);
+    size_t whole = partial.size() - partial.size() % frame;
+    const char* out = partial.data();
+    if (Writer.kept_bytes < Writer.frame_bytes) {
+        // The first channels of each frame, side by side.
+        const size_t kept = static_cast<size_t>(Writer.kept_bytes);
+        Writer.kept.resize(whole / frame * kept);
+        for (size_t from = 0, to = 0; from < whole; from += frame, to += kept)
+            std::memcpy(&Writer.kept[to], &partial[from], kept);
+        out = Writer.kept.data();
+        whole = Writer.kept.size();
+    }
+    if (whole > 0 && sf_write_raw(Writer.file, out, static_cast<sf_count_t>(whole)) !=
                          static_cast<sf_count_t>(whole)) {
         ShowMessage("cannot write " + Writer.path + ": " + sf_strerror(Writer.file));
         return 1;
     }
-    partial.erase(partial.begin(), partial.begin() + static_cast<long>(whole));
+    partial.erase(partial.begin(), partial.begin() + static_cast<long>(partial.size() - partial.size() % frame));
     Writer.data_bytes += static_cast<uint64_t>(len);
     return 0;
 }

@@ -307,6 +307,9 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             const std::string piece = context.work_folder + "/piece-" + std::to_string(i) + ".wav";
             std::vector<RegValue> writer;
             SetRegString(writer, "Out_File", piece);
+            // Only what the outputs keep goes into the pieces.
+            if (request.two_channel)
+                SetRegDword(writer, "Out_Channels", 2);
             if (!WriteRegKey(context.work_folder + "/" + kMakerKeyName + "/OutWav.reg",
                              RegKeyPath(kMakerKeyName, "OutWav"), writer, error))
                 return false;

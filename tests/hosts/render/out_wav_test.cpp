@@ -218,6 +218,25 @@ TEST_F(WriterFixture, AFrameCutByOneWriteIsCompletedByTheNext)
     EXPECT_EQ(ReadTestAudio(file).samples, (std::vector<int32_t>{0x0201, 0x0403, 0x0605, 0x0807}));
 }
 
+TEST_F(WriterFixture, OutChannelsKeepsTheFirstChannelsOfEachFrame)
+{
+    const std::string file = output.File("two.wav");
+    mkdir(config.File("Morrowfen").c_str(), 0755);
+    std::ofstream(config.File("Morrowfen/OutWav.reg"), std::ios::binary)
+        << "Windows Registry Editor Version 5.00\n\n"
+           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\OutWav]\n"
+           "\"Out_File\"=\"" << file << "\"\n\"Out_Channels\"=dword:00000002\n";
+    ASSERT_GE(module->Open(44100, 6, 16, 2000, 500), 0);
+    // Two frames of six channels, the second cut after three bytes of it.
+    const std::vector<uint8_t> frames = Sixteen({1, 2, 3, 4, 5, 6, -7, -8, 9, 10, 11, 12});
+    EXPECT_EQ(Write(std::vector<uint8_t>(frames.begin(), frames.begin() + 15)), 0);
+    EXPECT_EQ(Write(std::vector<uint8_t>(frames.begin() + 15, frames.end())), 0);
+    module->Close();
+    const TestAudio audio = ReadTestAudio(file);
+    EXPECT_EQ(audio.channels, 2);
+    EXPECT_EQ(audio.samples, (std::vector<int32_t>{1, 2, -7, -8}));
+}
+
 TEST_F(WriterFixture, EachOpenReadsTheFileNameAnew)
 {
     SetOutFile(config, output.File("one.wav"));
