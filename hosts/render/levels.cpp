@@ -214,26 +214,54 @@ void InitOverCounts(OverCounts& counts, uint32_t window_frames)
     counts.window_frames = window_frames;
 }
 
+void AddProcessedFrames(OverCounts& counts, const float* frames, size_t count, int bits)
+{
+    const FullScaleLimits limits = FullScaleOf(bits);
+    size_t done = 0;
+    while (done < count) {
+        // The frames up to the end of the current window, or all of them.
+        size_t run = count - done;
+        uint32_t* window = nullptr;
+        if (counts.window_frames != 0) {
+            const uint64_t into = counts.frames % counts.window_frames;
+            if (into == 0)
+                counts.window_overs.resize(counts.window_overs.size() + 6, 0);
+            window = &counts.window_overs[counts.window_overs.size() - 6];
+            if (counts.window_frames - into < run)
+                run = static_cast<size_t>(counts.window_frames - into);
+        }
+        double peak[6];
+        uint64_t overs[6];
+        uint32_t in_window[6];
+        for (int c = 0; c < 6; ++c) {
+            peak[c] = counts.peak[c];
+            overs[c] = counts.overs[c];
+            in_window[c] = window != nullptr ? window[c] : 0;
+        }
+        const float* frame = frames + done * 6;
+        for (size_t i = 0; i < run; ++i, frame += 6)
+            for (int c = 0; c < 6; ++c) {
+                const double magnitude = std::fabs(static_cast<double>(frame[c]));
+                if (magnitude > peak[c] || std::isnan(magnitude))
+                    peak[c] = magnitude;
+                const bool over = OverFullScale(frame[c], limits);
+                overs[c] += over;
+                in_window[c] += over;
+            }
+        for (int c = 0; c < 6; ++c) {
+            counts.peak[c] = peak[c];
+            counts.overs[c] = overs[c];
+            if (window != nullptr)
+                window[c] = in_window[c];
+        }
+        counts.frames += run;
+        done += run;
+    }
+}
+
 void AddProcessedFrame(OverCounts& counts, const float* frame, int bits)
 {
-    uint32_t* window = nullptr;
-    if (counts.window_frames != 0) {
-        if (counts.frames % counts.window_frames == 0)
-            counts.window_overs.resize(counts.window_overs.size() + 6, 0);
-        window = &counts.window_overs[counts.window_overs.size() - 6];
-    }
-    const FullScaleLimits limits = FullScaleOf(bits);
-    for (int c = 0; c < 6; ++c) {
-        const double magnitude = std::fabs(static_cast<double>(frame[c]));
-        if (magnitude > counts.peak[c] || std::isnan(magnitude))
-            counts.peak[c] = magnitude;
-        if (OverFullScale(frame[c], limits)) {
-            ++counts.overs[c];
-            if (window != nullptr)
-                ++window[c];
-        }
-    }
-    ++counts.frames;
+    AddProcessedFrames(counts, frame, 1, bits);
 }
 
 double OutputLevelDb(double magnitude)

@@ -56,6 +56,9 @@ void InitOverCounts(OverCounts& counts, uint32_t window_frames);
 // Adds one processed frame (six floats), for an output word of `bits` bits.
 void AddProcessedFrame(OverCounts& counts, const float* frame, int bits);
 
+// Adds `count` processed frames of six floats each, in order.
+void AddProcessedFrames(OverCounts& counts, const float* frames, size_t count, int bits);
+
 // The level that a magnitude before the conversion has at the output, in
 // dBFS: the conversion leaves 1.0 at 0.85 of full scale.
 double OutputLevelDb(double magnitude);

@@ -1,6 +1,7 @@
 // The engine meter beside the plug-in, on a thread of its own.
 #include "hosts/render/meter_thread.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -28,12 +29,23 @@ void CountFrames(MeterThread& thread, Attribution& at, const MeterStep& step, co
     // The fed count of the input being fed is the one of this write; the
     // others' are final.
     auto fed_of = [&](size_t input) { return input == step.input ? step.fed : fed[input]; };
-    for (uint32_t f = 0; f < count; ++f, ++at.frames) {
+    // Runs of frames that belong to one input, or to none.
+    for (uint32_t f = 0; f < count;) {
         while (at.input < step.input && at.frames >= offset[at.input] + fed_of(at.input))
             ++at.input;
-        if (at.frames >= offset[at.input] && at.frames < offset[at.input] + fed_of(at.input))
-            AddProcessedFrame((*thread.processed)[at.input], frames + static_cast<size_t>(f) * kFrameSlots,
-                              thread.processor_bits);
+        const uint64_t begin = offset[at.input];
+        const uint64_t end = begin + fed_of(at.input);
+        const uint64_t left = count - f;
+        uint64_t run = left;
+        if (at.frames < begin) {
+            run = std::min(left, begin - at.frames);  // silence before the input
+        } else if (at.frames < end) {
+            run = std::min(left, end - at.frames);
+            AddProcessedFrames((*thread.processed)[at.input], frames + static_cast<size_t>(f) * kFrameSlots,
+                               static_cast<size_t>(run), thread.processor_bits);
+        }
+        f += static_cast<uint32_t>(run);
+        at.frames += run;
     }
 }
 
