@@ -214,9 +214,70 @@ void InitOverCounts(OverCounts& counts, uint32_t window_frames)
     counts.window_frames = window_frames;
 }
 
-void AddProcessedFrames(OverCounts& counts, const float* frames, size_t count, int bits)
+namespace {
+
+// The over test of OverFullScale in single precision: the product is a
+// float, and so are both bounds for 16 and 24 bits; at 32 bits the lower
+// bound (one step below negative full scale) lies between two floats, and
+// a product at or below it is one at or below the float just under it.
+struct FloatLimits {
+    float scale;
+    float high;
+    float low;
+};
+
+FloatLimits FloatLimitsOf(int bits)
 {
     const FullScaleLimits limits = FullScaleOf(bits);
+    float low = static_cast<float>(limits.low);
+    if (static_cast<double>(low) > limits.low)
+        low = std::nextafter(low, -std::numeric_limits<float>::infinity());
+    return {limits.scale, static_cast<float>(limits.high), low};
+}
+
+// A magnitude against the largest so far: NaN, once seen, stays.
+inline float LargerMagnitude(float largest, float magnitude)
+{
+    return magnitude > largest || magnitude != magnitude ? magnitude : largest;
+}
+
+// Two frames at a time as twelve lanes, channel k % 6 in lane k, so that the
+// compiler can work on them four or eight at once; the lanes are folded
+// into the six channels at the end.
+void AddProcessedRun(const float* frame, size_t run, const FloatLimits& limits, float* peak, uint64_t* overs)
+{
+    float largest[12];
+    uint32_t over[12];
+    for (int k = 0; k < 12; ++k) {
+        largest[k] = peak[k % 6];
+        over[k] = 0;
+    }
+    size_t i = 0;
+    for (; i + 2 <= run; i += 2, frame += 12)
+        for (int k = 0; k < 12; ++k) {
+            const float x = frame[k];
+            largest[k] = LargerMagnitude(largest[k], std::fabs(x));
+            const float product = x * limits.scale;
+            over[k] += (product != product) | (product >= limits.high) | (product <= limits.low);
+        }
+    for (; i < run; ++i, frame += 6)
+        for (int k = 0; k < 6; ++k) {
+            const float x = frame[k];
+            largest[k] = LargerMagnitude(largest[k], std::fabs(x));
+            const float product = x * limits.scale;
+            over[k] += (product != product) | (product >= limits.high) | (product <= limits.low);
+        }
+    for (int c = 0; c < 6; ++c) {
+        peak[c] = LargerMagnitude(largest[c], largest[c + 6]);
+        overs[c] = static_cast<uint64_t>(over[c]) + over[c + 6];
+    }
+}
+
+}  // namespace
+
+void AddProcessedFrames(OverCounts& counts, const float* frames, size_t count, int bits)
+{
+    const FloatLimits limits = FloatLimitsOf(bits);
     size_t done = 0;
     while (done < count) {
         // The frames up to the end of the current window, or all of them.
@@ -230,29 +291,17 @@ void AddProcessedFrames(OverCounts& counts, const float* frames, size_t count, i
             if (counts.window_frames - into < run)
                 run = static_cast<size_t>(counts.window_frames - into);
         }
-        double peak[6];
+        // Every peak so far is the magnitude of a float, so it is one.
+        float peak[6];
         uint64_t overs[6];
-        uint32_t in_window[6];
-        for (int c = 0; c < 6; ++c) {
-            peak[c] = counts.peak[c];
-            overs[c] = counts.overs[c];
-            in_window[c] = window != nullptr ? window[c] : 0;
-        }
-        const float* frame = frames + done * 6;
-        for (size_t i = 0; i < run; ++i, frame += 6)
-            for (int c = 0; c < 6; ++c) {
-                const double magnitude = std::fabs(static_cast<double>(frame[c]));
-                if (magnitude > peak[c] || std::isnan(magnitude))
-                    peak[c] = magnitude;
-                const bool over = OverFullScale(frame[c], limits);
-                overs[c] += over;
-                in_window[c] += over;
-            }
+        for (int c = 0; c < 6; ++c)
+            peak[c] = static_cast<float>(counts.peak[c]);
+        AddProcessedRun(frames + done * 6, run, limits, peak, overs);
         for (int c = 0; c < 6; ++c) {
             counts.peak[c] = peak[c];
-            counts.overs[c] = overs[c];
+            counts.overs[c] += overs[c];
             if (window != nullptr)
-                window[c] = in_window[c];
+                window[c] += static_cast<uint32_t>(overs[c]);
         }
         counts.frames += run;
         done += run;

@@ -956,6 +956,49 @@ TEST(Levels, OverCountsGoToTheirChannelAndWindow)
     EXPECT_NEAR(OutputLevelDb(1.0), 20.0 * std::log10(0.85), 1e-5);
 }
 
+TEST(Levels, OversOfARunAreThoseOfTheTestInDoublePrecisionAtEveryWordSize)
+{
+    // Floats on both sides of each bound of each word, the conversion's
+    // factor divided out, a NaN and the infinities; in a run of frames of
+    // odd length, in windows of five frames.
+    for (int bits : {16, 24, 32}) {
+        SCOPED_TRACE(bits);
+        const double steps = std::ldexp(1.0, bits - 1);
+        const float scale = bits == 16 ? 27852.80078125f : bits == 24 ? 7130317.0f : 1825361152.0f;  // 0.85 of full scale
+        std::vector<float> samples;
+        for (double bound : {steps, -steps - 1.0, -steps}) {
+            float x = static_cast<float>(bound / scale);
+            for (int k = 0; k < 40; ++k)
+                x = std::nextafter(x, -std::numeric_limits<float>::infinity());
+            for (int k = 0; k < 81; ++k, x = std::nextafter(x, std::numeric_limits<float>::infinity()))
+                samples.push_back(x);
+        }
+        samples.push_back(std::numeric_limits<float>::quiet_NaN());
+        samples.push_back(std::numeric_limits<float>::infinity());
+        samples.push_back(-std::numeric_limits<float>::infinity());
+        while (samples.size() % 6 != 0 || (samples.size() / 6) % 2 == 0)
+            samples.push_back(0.25f);
+        const size_t frames = samples.size() / 6;
+        uint64_t expected[6] = {};
+        std::vector<uint32_t> expected_windows(((frames + 4) / 5) * 6, 0);
+        for (size_t i = 0; i < samples.size(); ++i)
+            if (OverFullScale(samples[i], bits)) {
+                ++expected[i % 6];
+                ++expected_windows[(i / 6) / 5 * 6 + i % 6];
+            }
+        OverCounts counts{};
+        InitOverCounts(counts, 5);
+        AddProcessedFrames(counts, samples.data(), frames, bits);
+        EXPECT_EQ(counts.frames, frames);
+        EXPECT_EQ(std::vector<uint64_t>(counts.overs, counts.overs + 6), std::vector<uint64_t>(expected, expected + 6));
+        EXPECT_EQ(counts.window_overs, expected_windows);
+        uint64_t total = 0;
+        for (uint64_t over : expected)
+            total += over;
+        EXPECT_GT(total, 40u);  // both bounds crossed, and the three that are no number
+    }
+}
+
 // --- The level report ---------------------------------------------------------------
 
 TEST(Report, EachFileHasItsSectionNameBoundaryAndTimeFromZero)
