@@ -17,6 +17,26 @@ void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames)
     levels.window_frames = window_frames;
 }
 
+namespace {
+
+// The sums of the window that frame `frames` falls in, `width` of them,
+// started when the frame is a window's first; `run` is cut to the frames up
+// to the window's end. Null when there are no windows.
+template <typename T>
+T* CurrentWindow(std::vector<T>& windows, uint64_t frames, uint32_t window_frames, size_t width, size_t& run)
+{
+    if (window_frames == 0)
+        return nullptr;
+    const uint64_t into = frames % window_frames;
+    if (into == 0)
+        windows.resize(windows.size() + width, T{});
+    if (window_frames - into < run)
+        run = static_cast<size_t>(window_frames - into);
+    return &windows[windows.size() - width];
+}
+
+}  // namespace
+
 void AddLevelFrame(ChannelLevels& levels, const double* samples)
 {
     AddLevelFrames(levels, samples, 1);
@@ -127,17 +147,8 @@ void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames)
     const size_t channels = static_cast<size_t>(levels.channels);
     size_t done = 0;
     while (done < frames) {
-        // The frames up to the end of the current window, or all of them.
         size_t run = frames - done;
-        double* window = nullptr;
-        if (levels.window_frames != 0) {
-            const uint64_t into = levels.frames % levels.window_frames;
-            if (into == 0)
-                levels.window_square.resize(levels.window_square.size() + channels, 0.0);
-            window = &levels.window_square[levels.window_square.size() - channels];
-            if (levels.window_frames - into < run)
-                run = static_cast<size_t>(levels.window_frames - into);
-        }
+        double* window = CurrentWindow(levels.window_square, levels.frames, levels.window_frames, channels, run);
         const double* first = samples + done * channels;
         switch (channels) {
         case 1: AddRunOf<1>(levels, first, run, window); break;
@@ -280,17 +291,8 @@ void AddProcessedFrames(OverCounts& counts, const float* frames, size_t count, i
     const FloatLimits limits = FloatLimitsOf(bits);
     size_t done = 0;
     while (done < count) {
-        // The frames up to the end of the current window, or all of them.
         size_t run = count - done;
-        uint32_t* window = nullptr;
-        if (counts.window_frames != 0) {
-            const uint64_t into = counts.frames % counts.window_frames;
-            if (into == 0)
-                counts.window_overs.resize(counts.window_overs.size() + 6, 0);
-            window = &counts.window_overs[counts.window_overs.size() - 6];
-            if (counts.window_frames - into < run)
-                run = static_cast<size_t>(counts.window_frames - into);
-        }
+        uint32_t* window = CurrentWindow(counts.window_overs, counts.frames, counts.window_frames, 6, run);
         // Every peak so far is the magnitude of a float, so it is one.
         float peak[6];
         uint64_t overs[6];
