@@ -50,5 +50,7 @@ FullScaleLimits FullScaleOf(int bits)
 // The product in single precision, as the conversion forms it.
 bool OverFullScale(float sample, int bits)
 {
-    return OverFullScale(sample, FullScaleOf(bits));
+    const FullScaleLimits limits = FullScaleOf(bits);
+    const double value = sample * limits.scale;
+    return value != value || value >= limits.high || value <= limits.low;
 }

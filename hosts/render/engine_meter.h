@@ -40,8 +40,8 @@ const float* MeterWrite(EngineMeter& meter, const uint8_t* source, uint32_t byte
 // negative full scale, wraps (and so does NaN).
 bool OverFullScale(float sample, int bits);
 
-// The same test with the word's limits worked out once, for a run of
-// samples: the factor of the conversion and the two bounds of the product.
+// The word's limits of that test: the factor of the conversion and the two
+// bounds of the product, worked out once for a run of samples.
 struct FullScaleLimits {
     float scale;
     double high;   // full scale: this or more wraps
@@ -49,9 +49,3 @@ struct FullScaleLimits {
 };
 
 FullScaleLimits FullScaleOf(int bits);
-
-inline bool OverFullScale(float sample, const FullScaleLimits& limits)
-{
-    const double value = sample * limits.scale;
-    return value != value || value >= limits.high || value <= limits.low;
-}

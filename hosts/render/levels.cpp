@@ -82,65 +82,7 @@ void AddRunOf(ChannelLevels& levels, const double* samples, size_t run, double* 
         AddRun<Channels, false>(levels, samples, run, window);
 }
 
-// The 16-bit words of `Channels` channels straight from the bytes. With x =
-// w / 32768 the square x x is w w / 2^30 exactly, and the largest |x| is the
-// largest |w| / 32768. The sum of squares, in units of 2^-30, is a whole
-// number, and every partial sum is exact as long as it stays below 2^53:
-// then the whole number summed in 64 bits is that sum to the last bit. Past
-// that the run is summed again in double precision, square by square, as
-// AddLevelFrame sums it.
-template <size_t Channels>
-void AddWords16(ChannelLevels& levels, const uint8_t* words, size_t frames)
-{
-    constexpr double kSquareScale = 1.0 / 1073741824.0;  // 2^-30
-    constexpr double kExactLimit = 9007199254740992.0;   // 2^53
-    int64_t squares[Channels] = {};
-    int32_t largest[Channels] = {};
-    const uint8_t* p = words;
-    for (size_t i = 0; i < frames; ++i, p += 2 * Channels)
-        for (size_t c = 0; c < Channels; ++c) {
-            const int32_t w = static_cast<int16_t>(p[2 * c] | p[2 * c + 1] << 8);
-            squares[c] += w * w;
-            largest[c] = std::max(largest[c], w < 0 ? -w : w);
-        }
-    for (size_t c = 0; c < Channels; ++c) {
-        levels.peak[c] = std::max(levels.peak[c], largest[c] / 32768.0);
-        const double before = levels.sum_square[c] / kSquareScale;  // a whole number below 2^53 ...
-        if (before + static_cast<double>(squares[c]) < kExactLimit) {
-            levels.sum_square[c] = static_cast<double>(static_cast<int64_t>(before) + squares[c]) * kSquareScale;
-            continue;
-        }
-        // ... or not: square by square.
-        double sum = levels.sum_square[c];
-        p = words + 2 * c;
-        for (size_t i = 0; i < frames; ++i, p += 2 * Channels) {
-            const int32_t w = static_cast<int16_t>(p[0] | p[1] << 8);
-            sum += static_cast<double>(w * w) * kSquareScale;
-        }
-        levels.sum_square[c] = sum;
-    }
-    levels.frames += frames;
-}
-
 }  // namespace
-
-void AddLevelFrames16(ChannelLevels& levels, const uint8_t* words, size_t frames)
-{
-    switch (levels.channels) {
-    case 2: AddWords16<2>(levels, words, frames); break;
-    case 6: AddWords16<6>(levels, words, frames); break;
-    default: {
-        const size_t channels = static_cast<size_t>(levels.channels);
-        std::vector<double> frame(channels);
-        for (size_t i = 0; i < frames; ++i, words += 2 * channels) {
-            for (size_t c = 0; c < channels; ++c)
-                frame[c] = static_cast<int16_t>(words[2 * c] | words[2 * c + 1] << 8) / 32768.0;
-            AddLevelFrame(levels, frame.data());
-        }
-        break;
-    }
-    }
-}
 
 void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames)
 {

@@ -26,10 +26,6 @@ void AddLevelFrame(ChannelLevels& levels, const double* samples);
 // each, added in the same order.
 void AddLevelFrames(ChannelLevels& levels, const double* samples, size_t frames);
 
-// The same for frames of 16-bit little-endian words, each sample taken as
-// word / 32768; for levels without windows only.
-void AddLevelFrames16(ChannelLevels& levels, const uint8_t* words, size_t frames);
-
 // 20 log10 of a linear level; -infinity for 0.
 double LevelDb(double linear);
 

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr double kInt32FullScale = 2147483648.0;
-
 // Frames read from the file at a time on the changed path.
 constexpr int kReadFrames = 1024;
 

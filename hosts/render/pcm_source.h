@@ -24,6 +24,10 @@
 // outside what it takes.
 constexpr int kResampleRate = 48000;
 
+// Full scale of the integers that libsndfile reads and writes: every word
+// size left-aligned in 32 bits.
+constexpr double kInt32FullScale = 2147483648.0;
+
 // How an input is to be changed on its way to the processor.
 struct FeedPlan {
     bool mono_as_stereo;  // one channel becomes two equal ones

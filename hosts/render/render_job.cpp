@@ -37,7 +37,6 @@ constexpr uint64_t kCopyFrames = 16384;
 // never shorter than this.
 constexpr double kReportColumns = 800.0;
 constexpr double kShortestWindowSeconds = 0.02;
-constexpr double kInt32FullScale = 2147483648.0;
 constexpr int kFrameSlots = 6;
 
 double Seconds(Clock::time_point since)
