@@ -198,32 +198,49 @@ void Close()
     FinishFile();
 }
 
+// `length` bytes of whole frames to the file: all of each frame, or its
+// first channels side by side. False, with the message shown, when the file
+// takes less.
+bool WriteFrames(const char* bytes, size_t length)
+{
+    const size_t frame = static_cast<size_t>(Writer.frame_bytes);
+    const size_t kept = static_cast<size_t>(Writer.kept_bytes);
+    if (kept < frame) {
+        Writer.kept.resize(length / frame * kept);
+        for (size_t from = 0, to = 0; from < length; from += frame, to += kept)
+            std::memcpy(&Writer.kept[to], bytes + from, kept);
+        bytes = Writer.kept.data();
+        length = Writer.kept.size();
+    }
+    if (length > 0 && sf_write_raw(Writer.file, bytes, static_cast<sf_count_t>(length)) !=
+                          static_cast<sf_count_t>(length)) {
+        ShowMessage("cannot write " + Writer.path + ": " + sf_strerror(Writer.file));
+        return false;
+    }
+    return true;
+}
+
 // The bytes go to the file as they are, in whole frames: a frame that a
-// write cuts off waits for the rest.
+// write cuts off waits for the rest. Only then are the bytes copied.
 int Write(char* buf, int len)
 {
     if (Writer.file == nullptr || len < 0)
         return 1;
     std::vector<char>& partial = Writer.partial;
-    partial.insert(partial.end(), buf, buf + len);
     const size_t frame = static_cast<size_t>(Writer.frame_bytes);
-    size_t whole = partial.size() - partial.size() % frame;
-    const char* out = partial.data();
-    if (Writer.kept_bytes < Writer.frame_bytes) {
-        // The first channels of each frame, side by side.
-        const size_t kept = static_cast<size_t>(Writer.kept_bytes);
-        Writer.kept.resize(whole / frame * kept);
-        for (size_t from = 0, to = 0; from < whole; from += frame, to += kept)
-            std::memcpy(&Writer.kept[to], &partial[from], kept);
-        out = Writer.kept.data();
-        whole = Writer.kept.size();
+    if (partial.empty()) {
+        const size_t length = static_cast<size_t>(len);
+        const size_t whole = length - length % frame;
+        if (!WriteFrames(buf, whole))
+            return 1;
+        partial.assign(buf + whole, buf + length);
+    } else {
+        partial.insert(partial.end(), buf, buf + len);
+        const size_t whole = partial.size() - partial.size() % frame;
+        if (!WriteFrames(partial.data(), whole))
+            return 1;
+        partial.erase(partial.begin(), partial.begin() + static_cast<long>(whole));
     }
-    if (whole > 0 && sf_write_raw(Writer.file, out, static_cast<sf_count_t>(whole)) !=
-                         static_cast<sf_count_t>(whole)) {
-        ShowMessage("cannot write " + Writer.path + ": " + sf_strerror(Writer.file));
-        return 1;
-    }
-    partial.erase(partial.begin(), partial.begin() + static_cast<long>(partial.size() - partial.size() % frame));
     Writer.data_bytes += static_cast<uint64_t>(len);
     return 0;
 }
