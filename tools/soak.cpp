@@ -43,6 +43,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/posix/reg_file.h"
 #include "shell/chained_output.h"
 #include "tools/counting_output.h"
 
@@ -387,16 +388,14 @@ void PrepareSettings()
     }
     const std::string config = std::string(folder) + "/config";
     setenv("XDG_CONFIG_HOME", config.c_str(), 1);
-    mkdir(config.c_str(), 0777);
-    mkdir((config + "/Morrowfen").c_str(), 0777);
-    FILE* file = std::fopen((config + "/Morrowfen/Kelvane.reg").c_str(), "w");
-    if (file == nullptr) {
-        std::perror("kelvane-soak: settings file");
+    std::vector<RegValue> values;
+    SetRegString(values, "Out_Plug", KELVANE_COUNTING_OUTPUT);
+    SetRegDword(values, "Out_Bits", 32);
+    std::string error;
+    if (!WriteRegKey(RegStoreFile("Morrowfen", "Kelvane"), RegKeyPath("Morrowfen", "Kelvane"), values, error)) {
+        std::fprintf(stderr, "kelvane-soak: %s\n", error.c_str());
         std::exit(2);
     }
-    std::fprintf(file, "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\Kelvane]\n"
-                       "\"Out_Plug\"=\"%s\"\n\"Out_Bits\"=dword:00000020\n", KELVANE_COUNTING_OUTPUT);
-    std::fclose(file);
 }
 
 }  // namespace

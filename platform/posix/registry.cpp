@@ -216,10 +216,6 @@ LSTATUS RegCreateKeyExW(HKEY root, LPCWSTR subKey, DWORD, LPWSTR, DWORD, REGSAM,
     // A new key, and the folders of its file, come into being when the
     // handle is closed, together with its values.
     key->created = !ReadKey(key.get());
-    if (key->created) {
-        key->values.clear();
-        key->index.clear();
-    }
     key->writable = true;
     if (disposition != nullptr)
         *disposition = key->created ? kCreatedNewKey : kOpenedExistingKey;

@@ -313,19 +313,6 @@ TEST_F(RegFileTest, Save_StaleTemporaryFilesOfEndedProcessesRemoved)
     EXPECT_TRUE(fs::exists(notPid));
 }
 
-TEST_F(RegFileTest, Save_FileThatIsAFolder_FailsAndLeavesIt)
-{
-    fs::create_directories(fs::path(file) / "inside");
-    std::string error;
-    EXPECT_FALSE(WriteRegKey(file, kKey, {Dword("Mode", 1)}, error));
-    EXPECT_NE(error, "");
-    EXPECT_TRUE(fs::is_directory(fs::path(file) / "inside"));
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(fs::path(file).parent_path()))
-        names.push_back(entry.path().filename().string());
-    EXPECT_EQ(names, std::vector<std::string>{"Kelvane.reg"});
-}
-
 // ---- The text conversions under the file ----
 
 TEST(WideUtf8, StrictBothWays)
