@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "signal/frame.h"
+
 namespace {
 
 // The thread is woken for this many steps at a time, not for each write:
@@ -12,8 +14,6 @@ constexpr size_t kBatchSteps = 16;
 // The pass waits when this many steps are queued (each write's buffer a few
 // kilobytes), so a slow meter never lets the queue grow without end.
 constexpr size_t kMostSteps = 256;
-
-constexpr size_t kFrameSlots = 6;
 
 // Counts each frame of a meter write to the input it belongs to: the
 // frames of the silence behind an input's last frame belong to none.
@@ -41,7 +41,7 @@ void CountFrames(MeterThread& thread, Attribution& at, const MeterStep& step, co
             run = std::min(left, begin - at.frames);  // silence before the input
         } else if (at.frames < end) {
             run = std::min(left, end - at.frames);
-            AddProcessedFrames((*thread.processed)[at.input], frames + static_cast<size_t>(f) * kFrameSlots,
+            AddProcessedFrames((*thread.processed)[at.input], frames + static_cast<size_t>(f) * kFrameFloats,
                                static_cast<size_t>(run), thread.processor_bits);
         }
         f += static_cast<uint32_t>(run);
@@ -145,14 +145,13 @@ void QueueMeterRestart(MeterThread& thread, size_t input)
     Queue(thread, std::move(step));
 }
 
-void QueueMeterWrite(MeterThread& thread, const std::vector<uint8_t>& buffer, uint32_t bytes, size_t input,
-                     uint64_t fed)
+void QueueMeterWrite(MeterThread& thread, const std::vector<uint8_t>& write, size_t input, uint64_t fed)
 {
     MeterStep step{};
     step.kind = MeterStep::Kind::Write;
     step.input = input;
     step.fed = fed;
-    step.bytes = bytes;
+    step.bytes = static_cast<uint32_t>(write.size());
     {
         std::lock_guard<std::mutex> hold(thread.lock);
         if (!thread.spare.empty()) {
@@ -160,7 +159,7 @@ void QueueMeterWrite(MeterThread& thread, const std::vector<uint8_t>& buffer, ui
             thread.spare.pop_back();
         }
     }
-    step.buffer.assign(buffer.begin(), buffer.end());
+    step.buffer.assign(write.begin(), write.end());
     Queue(thread, std::move(step));
 }
 

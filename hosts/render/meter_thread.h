@@ -25,7 +25,7 @@ struct MeterStep {
     size_t input;                 // Restart: the segment's first input; Write: the input being fed
     uint64_t fed;                 // Write: frames of `input` handed over, this write's included
     uint32_t bytes;               // Write: the length the plug-in got
-    std::vector<uint8_t> buffer;  // Write: those bytes, with zeros behind them as the plug-in got them
+    std::vector<uint8_t> buffer;  // Write: those bytes (the conversion reads nothing behind them)
 };
 
 struct MeterThread {
@@ -61,9 +61,8 @@ void StartMeterThread(MeterThread& thread, EngineMeter& meter, const std::vector
 void QueueMeterOpen(MeterThread& thread, int rate, int channels, int bits);
 void QueueMeterReset(MeterThread& thread);
 void QueueMeterRestart(MeterThread& thread, size_t input);
-// `buffer` holds `bytes` bytes of the write and the zeros behind them.
-void QueueMeterWrite(MeterThread& thread, const std::vector<uint8_t>& buffer, uint32_t bytes, size_t input,
-                     uint64_t fed);
+// `write` holds the bytes of one write, as many as the plug-in got.
+void QueueMeterWrite(MeterThread& thread, const std::vector<uint8_t>& write, size_t input, uint64_t fed);
 
 // Waits until every queued step is done and the thread has ended.
 void FinishMeterThread(MeterThread& thread);

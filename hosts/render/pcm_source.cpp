@@ -171,7 +171,6 @@ int64_t ReadExact(PcmSource& source, int frames, std::vector<uint8_t>& bytes, st
     // A power of two: the product by its reciprocal is the quotient.
     constexpr double kStep = 1.0 / kInt32FullScale;
     double peak = source.peak;
-    bool got_fast = false;
     if (channels == 2 && file_channels == 2 && source.bits == 16) {
         // The common stereo file of 16 bits, with the same sums; the largest
         // magnitude kept per channel (a maximum is the same in any order).
@@ -193,22 +192,23 @@ int64_t ReadExact(PcmSource& source, int frames, std::vector<uint8_t>& bytes, st
                 (*frame_power)[static_cast<size_t>(i)] = (0.0 + left * left + right * right) / 2;
         }
         peak = std::max(peaks[0], peaks[1]);
-        got_fast = true;
-    }
-    for (sf_count_t i = 0; !got_fast && i < got; ++i) {
-        double power = 0.0;
-        for (int c = 0; c < channels; ++c) {
-            // libsndfile hands integers left-aligned in 32 bits; the source's
-            // own bits are the top ones.
-            const int32_t word = source.ints[static_cast<size_t>(i * file_channels + std::min(c, file_channels - 1))];
-            const int32_t value = word >> (32 - source.bits);
-            const double level = word * kStep;
-            StorePcmSample(&bytes[static_cast<size_t>((i * channels + c) * sample_bytes)], source.bits, value);
-            power += level * level;
-            peak = std::max(peak, std::fabs(level));
+    } else {
+        for (sf_count_t i = 0; i < got; ++i) {
+            double power = 0.0;
+            for (int c = 0; c < channels; ++c) {
+                // libsndfile hands integers left-aligned in 32 bits; the
+                // source's own bits are the top ones.
+                const int32_t word =
+                    source.ints[static_cast<size_t>(i * file_channels + std::min(c, file_channels - 1))];
+                const int32_t value = word >> (32 - source.bits);
+                const double level = word * kStep;
+                StorePcmSample(&bytes[static_cast<size_t>((i * channels + c) * sample_bytes)], source.bits, value);
+                power += level * level;
+                peak = std::max(peak, std::fabs(level));
+            }
+            if (frame_power != nullptr)
+                (*frame_power)[static_cast<size_t>(i)] = power / channels;
         }
-        if (frame_power != nullptr)
-            (*frame_power)[static_cast<size_t>(i)] = power / channels;
     }
     source.peak = peak;
     source.frames_read += static_cast<uint64_t>(got);

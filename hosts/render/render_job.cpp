@@ -14,6 +14,7 @@
 #include "hosts/render/pcm_source.h"
 #include "hosts/render/report.h"
 #include "hosts/render/resampler.h"
+#include "signal/frame.h"
 #include "signal/mode.h"
 
 volatile std::sig_atomic_t RenderInterrupted = 0;
@@ -37,7 +38,6 @@ constexpr uint64_t kCopyFrames = 16384;
 // never shorter than this.
 constexpr double kReportColumns = 800.0;
 constexpr double kShortestWindowSeconds = 0.02;
-constexpr int kFrameSlots = 6;
 
 double Seconds(Clock::time_point since)
 {
@@ -293,10 +293,12 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
     // One write to the plug-in and the meter, which counts its frames to
     // the input that they belong to, the padding's to none.
     auto write = [&](int frames, int frame_bytes, size_t current) {
-        PrepareWriteBuffer(buffer, block);
-        if (with_plugin && !WriteBlock(module, buffer, frames * frame_bytes, error))
-            return false;
-        QueueMeterWrite(metering, buffer, static_cast<uint32_t>(frames * frame_bytes), current, record.fed[current]);
+        if (with_plugin) {
+            PrepareWriteBuffer(buffer, block);
+            if (!WriteBlock(module, buffer, frames * frame_bytes, error))
+                return false;
+        }
+        QueueMeterWrite(metering, block, current, record.fed[current]);
         return true;
     };
 
@@ -529,7 +531,7 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
             return false;
         double largest = 0.0;
         double input_peak = 0.0;
-        const int keep = request.two_channel ? 2 : kFrameSlots;
+        const int keep = request.two_channel ? 2 : static_cast<int>(kFrameFloats);
         for (size_t i = 0; i < run.sources.size(); ++i) {
             for (int c = 0; c < keep; ++c)
                 largest = std::max(largest, record.processed[i].peak[c]);

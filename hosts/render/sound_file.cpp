@@ -55,18 +55,6 @@ double Uniform(uint32_t& state)
     return static_cast<double>(state) / 4294967296.0 - 0.5;
 }
 
-// std::nearbyint in the default rounding mode, without a library call where
-// the sum with 1.5 * 2^52 rounds to a whole number exactly: below 2^51 in
-// magnitude. The sign is the argument's, so -0.3 gives -0.0 as nearbyint does.
-double RoundToNearest(double x)
-{
-    constexpr double kLimit = 2251799813685248.0;  // 2^51
-    constexpr double kShift = 6755399441055744.0;  // 1.5 * 2^52
-    if (std::fabs(x) < kLimit)
-        return std::copysign((x + kShift) - kShift, x);
-    return std::nearbyint(x);
-}
-
 }  // namespace
 
 bool ContainerByName(const std::string& name, Container& container)
@@ -214,12 +202,12 @@ bool WriteSoundFrames(SoundWriter& writer, double* samples, size_t frames, std::
                 // A sample that rounds beyond the word without the noise is
                 // an over; the noise alone may only nudge a full-scale
                 // sample against the limit.
-                const double rounded = RoundToNearest(exact);
+                const double rounded = std::nearbyint(exact);
                 double value = rounded;
                 if (writer.dither) {
                     value = exact;
                     value += Uniform(writer.noise) + Uniform(writer.noise);
-                    value = RoundToNearest(value);
+                    value = std::nearbyint(value);
                 }
                 if (rounded > steps - 1.0 || rounded < -steps)
                     ++writer.overs[c];

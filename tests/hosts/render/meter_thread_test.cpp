@@ -46,12 +46,10 @@ std::vector<uint8_t> Pcm(uint32_t frames, uint32_t seed)
     return bytes;
 }
 
-// One write as the plug-in gets it: the bytes and zeros behind them.
+// The bytes of one write.
 std::vector<uint8_t> WriteBuffer(const std::vector<uint8_t>& pcm, size_t from, size_t length)
 {
-    std::vector<uint8_t> buffer(3 * length + 64, 0);
-    std::copy(pcm.begin() + static_cast<long>(from), pcm.begin() + static_cast<long>(from + length), buffer.begin());
-    return buffer;
+    return std::vector<uint8_t>(pcm.begin() + static_cast<long>(from), pcm.begin() + static_cast<long>(from + length));
 }
 
 // Calls `write(input, buffer, bytes)` for every write of the play-list,
@@ -117,7 +115,7 @@ TEST_P(MeterThreadTest, CountsEachFrameToItsInputAsTheMeterAloneDoes)
                 }
                 fed[input] += frames;
                 stream += bytes / 4;
-                QueueMeterWrite(thread, buffer, bytes, input, fed[input]);
+                QueueMeterWrite(thread, buffer, input, fed[input]);
             });
         QueueMeterReset(thread);
         FinishMeterThread(thread);
