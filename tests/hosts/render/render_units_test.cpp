@@ -477,27 +477,39 @@ TEST(Levels, RmsAndPeakInDecibelsFullScale)
     EXPECT_EQ(FormatDb(LevelDb(0.0), 7), "   -inf");
 }
 
-TEST(Levels, RunsGiveTheSumsOfFrameByFrame)
+TEST(Levels, RunsGiveThePeakAndTheSumsOfSquaresInFrameOrder)
 {
     // Noise words, full-scale ones among them, for one, two, three and six
-    // channels, with windows and without.
+    // channels, with windows and without, added in two runs of frames; the
+    // expected figures summed here square by square in frame order.
     for (int channels : {1, 2, 3, 6}) {
-        const std::vector<int32_t> words = Noise16(static_cast<size_t>(channels) * 5000, 32767, 40 + channels);
+        const size_t width = static_cast<size_t>(channels);
+        const std::vector<int32_t> words = Noise16(width * 5000, 32767, 40 + channels);
         std::vector<double> values;
         for (size_t i = 0; i < words.size(); ++i)
             values.push_back((i == 7 ? -32768 : words[i]) / 32768.0);
         for (uint32_t window : {0u, 333u}) {
-            ChannelLevels one{}, run{};
-            InitLevels(one, channels, window);
+            std::vector<double> peak(width, 0.0), sum(width, 0.0), windows;
+            for (size_t f = 0; f < 5000; ++f) {
+                if (window != 0 && f % window == 0)
+                    windows.resize(windows.size() + width, 0.0);
+                for (size_t c = 0; c < width; ++c) {
+                    const double x = values[f * width + c];
+                    peak[c] = std::max(peak[c], std::fabs(x));
+                    sum[c] += x * x;
+                    if (window != 0)
+                        windows[windows.size() - width + c] += x * x;
+                }
+            }
+            ChannelLevels run{};
             InitLevels(run, channels, window);
-            for (size_t i = 0; i < 5000; ++i)
-                AddLevelFrame(one, &values[i * static_cast<size_t>(channels)]);
             AddLevelFrames(run, values.data(), 1234);
-            AddLevelFrames(run, values.data() + 1234 * static_cast<size_t>(channels), 5000 - 1234);
-            EXPECT_EQ(run.sum_square, one.sum_square) << channels;
-            EXPECT_EQ(run.peak, one.peak) << channels;
-            EXPECT_EQ(run.window_square, one.window_square) << channels;
-            EXPECT_EQ(run.frames, one.frames);
+            AddLevelFrames(run, values.data() + 1234 * width, 5000 - 1234);
+            EXPECT_EQ(run.sum_square, sum) << channels;
+            EXPECT_EQ(run.peak, peak) << channels;
+            EXPECT_EQ(run.window_square, windows) << channels;
+            EXPECT_EQ(run.frames, 5000u);
+            EXPECT_EQ(peak[7 % width], 1.0);  // the full-scale word is among them
         }
     }
 }
