@@ -14,8 +14,10 @@
 // port reports, so that every run has a full block to return.
 //
 // Real time: the engine's plans are made and every array is grown to its
-// largest size in instantiate(); run() allocates nothing, takes no lock and
-// makes no system call.
+// largest size in instantiate(); run() allocates nothing of its own, takes no
+// lock and makes no system call in the upmix and encode plug-ins. In the
+// headphone plug-in FFTW's execute of the convolver's in-place plans takes a
+// scratch array from malloc at each transform (see the README).
 #include <lv2/core/lv2.h>
 
 #include <algorithm>
@@ -248,12 +250,14 @@ LV2_Handle Instantiate(const LV2_Descriptor* descriptor, double rate, const char
     self->sampleRate = int32_t(std::lround(rate));
     self->holdsBack = plugin->fixedMode == kModeHeadphone && IsHeadphoneRate(self->sampleRate);
     try {
+        // The impulse tables are transformed while the engine is built: in
+        // the same float environment as every run.
+        FloatEnvironment ieee;
         self->engine = new Engine();
         if (self->holdsBack) {
             self->earRing = new float[kEarChannels * kEarRingFrames];
             ClearEarRing(*self);
         }
-        FloatEnvironment ieee;
         GrowEngine(*self);
     } catch (const std::bad_alloc&) {
         delete[] self->earRing;
