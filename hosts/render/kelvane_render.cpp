@@ -389,6 +389,7 @@ int RunDemo(const RenderOptions& options, const PluginPaths& paths, RenderContex
             request.dither = options.dither;
             request.two_channel = options.two_channel;
             request.show_progress = show && isatty(STDERR_FILENO);
+            request.measure = CurrentVerbosity() != Verbosity::Quiet;
             RenderSummary summary{};
             if (!RunRender(request, context, summary, error) || !CommitOutputs(request, error)) {
                 DiscardOutputs(request);
@@ -589,6 +590,10 @@ int RenderFiles(const RenderOptions& options, const PluginPaths& paths, RenderCo
     // run on like a play-list.
     request.reset_between = options.reset_between || (!options.output_dir.empty() && !options.gapless);
     request.show_progress = CurrentVerbosity() != Verbosity::Quiet && isatty(STDERR_FILENO) && !InSideBySideProcess;
+    // The levels are measured only where something shows or uses them: with
+    // -q and none of these, the meter is not built at all.
+    request.measure = CurrentVerbosity() != Verbosity::Quiet || options.normalize || options.fail_on_clip ||
+                      !options.report.empty();
     request.settings = saved;
     ApplyOverrides(options.overrides, request.settings);
     if (!SettingsFitTheProcessor(request.settings, saved_file))

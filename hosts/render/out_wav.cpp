@@ -9,9 +9,16 @@
 // asks for fewer than the stream has.
 //
 // The file is written through libsndfile as RF64 that is turned into a plain
-// WAV (WAVE_FORMAT_EXTENSIBLE, six channels saying L, R, C, LFE, SL, SR) at
-// Close when it stayed below 4 GiB, as it nearly always does: a stream has no
-// length known in advance, and a long one must not fail at its end.
+// WAV (WAVE_FORMAT_EXTENSIBLE, two or six channels saying their speakers:
+// L, R or L, R, C, LFE, SL, SR) at Close when it stayed below 4 GiB, as it
+// nearly always does: a stream has no length known in advance, and a long
+// one must not fail at its end. A host that knows better names the
+// container in the dword Out_Format, libsndfile's major format (WAV,
+// WAVEX, W64 or RF64), and gets exactly that.
+//
+// The bytes are gathered in memory and go to the file a megabyte at a time,
+// so that a stream of small writes costs few system calls; Close (or the
+// next Open, or Quit) writes the rest.
 //
 // Where it writes is its own setting, the string value Out_File of the key
 // HKEY_LOCAL_MACHINE\SOFTWARE\Morrowfen\OutWav in the registry stand-in. The
@@ -28,6 +35,7 @@
 #include <sndfile.h>
 
 #include "hosts/out_module_host.h"
+#include "hosts/render/speaker_map.h"
 #include "platform/posix/reg_file.h"
 
 namespace {
@@ -36,6 +44,7 @@ constexpr const char* kMakerName = "Morrowfen";
 constexpr const char* kKeyName = "OutWav";
 constexpr const char* kOutFileValue = "Out_File";
 constexpr const char* kOutChannelsValue = "Out_Channels";
+constexpr const char* kOutFormatValue = "Out_Format";
 constexpr const char* kDefaultFileName = "out_wav.wav";
 constexpr const char* kCaption = "WAV Writer";
 constexpr int kOwnModuleId = 0x57415601;
@@ -44,13 +53,16 @@ constexpr int kOwnModuleId = 0x57415601;
 // only has to be large enough never to hold a player back.
 constexpr int kCanWriteBytes = 8 * 1024 * 1024;
 
+// Bytes gathered before they go to the file.
+constexpr size_t kGatherBytes = 1024 * 1024;
+
 struct WavWriterState {
     SNDFILE* file;            // the open output, null between Close and Open
     std::string path;         // where it goes
     int rate;                 // as opened: frames per second
     int frame_bytes;          // bytes of one frame of the stream
     int kept_bytes;           // bytes of it that go to the file: its first channels
-    std::vector<char> kept;   // scratch: the kept part of each frame of a write
+    std::vector<char> gathered;  // kept bytes not in the file yet, whole frames
     std::vector<char> partial;  // the start of a frame that a write cut off
     uint64_t data_bytes;      // sample bytes taken since Open
     uint64_t bytes_at_flush;  // data_bytes at the last Flush, the origin of the clock
@@ -90,6 +102,21 @@ std::string ConfiguredOutFile(const std::vector<RegValue>& values)
     return value->text;
 }
 
+// The container asked for in Out_Format, with the subtype of `bits`; RF64
+// that becomes WAV where it can when none of the four is asked for.
+int ConfiguredFormat(const std::vector<RegValue>& values, int subtype, bool& downgrade)
+{
+    const RegValue* value = FindRegValue(values, kOutFormatValue);
+    downgrade = false;
+    if (value != nullptr && value->is_dword) {
+        const int major = static_cast<int>(value->dword);
+        if (major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX || major == SF_FORMAT_W64 || major == SF_FORMAT_RF64)
+            return major | subtype;
+    }
+    downgrade = true;
+    return SF_FORMAT_RF64 | subtype;
+}
+
 // The channels of a stream of `channels` that go to the file: all of them
 // unless Out_Channels names fewer (and at least one).
 int ConfiguredChannels(const std::vector<RegValue>& values, int channels)
@@ -109,11 +136,25 @@ int MillisecondsOf(uint64_t bytes)
     return static_cast<int>(bytes * 1000 / bytes_per_second);
 }
 
+// Puts the gathered bytes in the file. False, with the message shown, when
+// the file takes less.
+bool WriteGathered()
+{
+    std::vector<char>& gathered = Writer.gathered;
+    const sf_count_t length = static_cast<sf_count_t>(gathered.size());
+    const bool written = length == 0 || sf_write_raw(Writer.file, gathered.data(), length) == length;
+    gathered.clear();
+    if (!written)
+        ShowMessage("cannot write " + Writer.path + ": " + sf_strerror(Writer.file));
+    return written;
+}
+
 // Finishes and closes the file.
 void FinishFile()
 {
     if (Writer.file == nullptr)
         return;
+    WriteGathered();
     const bool good = sf_error(Writer.file) == SF_ERR_NO_ERROR;
     const std::string reason = sf_strerror(Writer.file);
     if (sf_close(Writer.file) != 0 || !good)
@@ -175,27 +216,35 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
     Writer.data_bytes = 0;
     Writer.bytes_at_flush = 0;
     Writer.time_at_flush_ms = 0;
+    bool downgrade = false;
     SF_INFO info{};
     info.samplerate = samplerate;
     info.channels = kept_channels;
-    info.format = SF_FORMAT_RF64 | Subtype(bitspersamp);
+    info.format = ConfiguredFormat(values, Subtype(bitspersamp), downgrade);
     Writer.file = sf_open(Writer.path.c_str(), SFM_WRITE, &info);
     if (Writer.file == nullptr) {
         ShowMessage("cannot create " + Writer.path + ": " + sf_strerror(nullptr));
         return -1;
     }
-    sf_command(Writer.file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
-    if (kept_channels == 6) {
-        int map[6] = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT,     SF_CHANNEL_MAP_CENTER,
-                      SF_CHANNEL_MAP_LFE,  SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
-        sf_command(Writer.file, SFC_SET_CHANNEL_MAP_INFO, map, sizeof map);
-    }
+    if (downgrade)
+        sf_command(Writer.file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    SetSpeakerMap(Writer.file, info.format, kept_channels);
+    Writer.gathered.reserve(kGatherBytes + static_cast<size_t>(kCanWriteBytes));
     return 0;
 }
 
 void Close()
 {
     FinishFile();
+}
+
+// The first `Kept` bytes of each `frame`-byte frame of `length` bytes, side
+// by side at `to`.
+template <size_t Kept>
+void KeepFirst(char* to, const char* from, size_t length, size_t frame)
+{
+    for (size_t at = 0; at < length; at += frame, to += Kept)
+        std::memcpy(to, from + at, Kept);
 }
 
 // `length` bytes of whole frames to the file: all of each frame, or its
@@ -205,19 +254,24 @@ bool WriteFrames(const char* bytes, size_t length)
 {
     const size_t frame = static_cast<size_t>(Writer.frame_bytes);
     const size_t kept = static_cast<size_t>(Writer.kept_bytes);
-    if (kept < frame) {
-        Writer.kept.resize(length / frame * kept);
-        for (size_t from = 0, to = 0; from < length; from += frame, to += kept)
-            std::memcpy(&Writer.kept[to], bytes + from, kept);
-        bytes = Writer.kept.data();
-        length = Writer.kept.size();
-    }
-    if (length > 0 && sf_write_raw(Writer.file, bytes, static_cast<sf_count_t>(length)) !=
-                          static_cast<sf_count_t>(length)) {
-        ShowMessage("cannot write " + Writer.path + ": " + sf_strerror(Writer.file));
-        return false;
-    }
-    return true;
+    std::vector<char>& gathered = Writer.gathered;
+    const size_t at = gathered.size();
+    gathered.resize(at + length / frame * kept);
+    char* to = gathered.data() + at;
+    // The usual widths (two channels of 16, 24 or 32 bits) as fixed-size
+    // copies, which the compiler turns into single moves.
+    if (kept == frame)
+        std::memcpy(to, bytes, length);
+    else if (kept == 4)
+        KeepFirst<4>(to, bytes, length, frame);
+    else if (kept == 6)
+        KeepFirst<6>(to, bytes, length, frame);
+    else if (kept == 8)
+        KeepFirst<8>(to, bytes, length, frame);
+    else
+        for (size_t from = 0; from < length; from += frame, to += kept)
+            std::memcpy(to, bytes + from, kept);
+    return gathered.size() < kGatherBytes || WriteGathered();
 }
 
 // The bytes go to the file as they are, in whole frames: a frame that a

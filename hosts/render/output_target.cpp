@@ -125,6 +125,22 @@ bool MayReplace(const std::vector<OutputTarget*>& targets, Overwrite policy, std
     return true;
 }
 
+namespace {
+
+bool SyncFile(const std::string& path)
+{
+    const int descriptor = open(path.c_str(), O_RDONLY);
+    if (descriptor < 0)
+        return false;
+    const bool synced = fsync(descriptor) == 0;
+    const int reason = errno;
+    close(descriptor);
+    errno = reason;
+    return synced;
+}
+
+}  // namespace
+
 bool PrepareTarget(OutputTarget& target, const std::string& work_folder, std::string& error)
 {
     const bool in_place = target.kind == TargetKind::NewFile || target.kind == TargetKind::ExistingFile;
@@ -156,6 +172,12 @@ bool PrepareTarget(OutputTarget& target, const std::string& work_folder, std::st
 bool CommitTarget(OutputTarget& target, std::string& error)
 {
     if (target.kind == TargetKind::NewFile || target.kind == TargetKind::ExistingFile) {
+        // A file that replaces another is on the disk before the rename, so
+        // that a crash just after it cannot leave the user with neither.
+        if (target.kind == TargetKind::ExistingFile && !SyncFile(target.temporary)) {
+            error = "cannot write " + target.given + ": " + std::strerror(errno);
+            return false;
+        }
         if (std::rename(target.temporary.c_str(), target.path.c_str()) != 0) {
             error = "cannot write " + target.given + ": " + std::strerror(errno);
             return false;
@@ -188,6 +210,22 @@ bool CommitTarget(OutputTarget& target, std::string& error)
         return false;
     }
     return true;
+}
+
+std::string WhyFileIsFull(const std::string& path)
+{
+    // A megabyte of room behind the end, allocated and not shown in the
+    // length: the most that out_wav gathers before it writes.
+    constexpr off_t kRoom = 1 << 20;
+    const int descriptor = open(path.c_str(), O_WRONLY);
+    if (descriptor < 0)
+        return std::strerror(errno);
+    struct stat now{};
+    std::string reason;
+    if (fstat(descriptor, &now) != 0 || fallocate(descriptor, FALLOC_FL_KEEP_SIZE, now.st_size, kRoom) != 0)
+        reason = errno == EOPNOTSUPP ? "" : std::strerror(errno);
+    close(descriptor);
+    return reason;
 }
 
 void DiscardTarget(OutputTarget& target)

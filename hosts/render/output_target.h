@@ -46,5 +46,10 @@ bool PrepareTarget(OutputTarget& target, const std::string& work_folder, std::st
 // Puts the finished temporary file in its place. False with `error`.
 bool CommitTarget(OutputTarget& target, std::string& error);
 
+// Why the file at `path` takes no more data, as the file system says it
+// (asked for room behind its end): "No space left on device", say. Empty
+// when it has room.
+std::string WhyFileIsFull(const std::string& path);
+
 // Removes the temporary file, if any.
 void DiscardTarget(OutputTarget& target);

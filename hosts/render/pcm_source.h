@@ -43,6 +43,7 @@ struct PcmSource {
     int file_rate;              // the file's frames per second
     int file_channels;          // the file's channels
     int file_bits;              // the file's integer depth, 0 for float and compressed samples
+    int file_format;            // libsndfile's format of the file
     bool file_float;            // the file holds floats
     int64_t frames;             // length as the file states it; -1 when unknown
     bool truncated;             // the file's header promises more than it holds
@@ -53,18 +54,21 @@ struct PcmSource {
     int channels;               // 1, 2, 4, 5 or 6
     int bits;                   // bits per sample
     bool exact;                 // the file's own words, unchanged
+    bool raw;                   // exact, and the file's data bytes are those words as they stand
 
     FeedPlan plan;
     std::vector<double> mix;    // downmix matrix, channels x file_channels, row-major
     uint64_t frames_read;       // frames taken from the file
     uint64_t frames_fed;        // frames handed on
     uint64_t overs;             // samples beyond full scale after the gain or the mix, limited to it
-    double peak;                // largest magnitude handed on, full scale 1.0
+    double peak;                // largest magnitude handed on, full scale 1.0, when measured
     bool at_end;                // the file has given everything
 
     Resampler resampler;          // to kResampleRate, when the plan asks for it
     std::vector<double> pending;  // frames x channels that came out of it, not handed on yet
 
+    std::vector<uint8_t> read_ahead;  // raw: bytes read from the file, whole frames
+    size_t read_at;                   // raw: the first of them not handed on yet
     std::vector<int32_t> ints;    // scratch for integer reads
     std::vector<double> doubles;  // scratch
     std::vector<double> mixed;    // scratch
@@ -93,7 +97,8 @@ bool RewindPcmSource(PcmSource& source, std::string& error);
 // Reads up to `frames` frames of PCM ready for the plug-in into `bytes`. The
 // result is the number of frames, 0 at the end, or -1 on a read error.
 // `frame_power`, if given, receives the mean square over the channels of
-// each frame handed on (full scale 1.0).
+// each frame handed on (full scale 1.0); the largest magnitude handed on
+// (`peak`) is kept up to date at least whenever it is given.
 int64_t ReadPcmBlock(PcmSource& source, int frames, std::vector<uint8_t>& bytes, std::vector<double>* frame_power);
 
 // Stores one sample `value` (already at the depth) as a plug-in expects it.

@@ -215,6 +215,7 @@ bool ReadStreamFrames(PieceStream& stream, uint64_t first, uint64_t count, int k
 struct RunResources {
     std::vector<PcmSource> sources;
     std::vector<std::string> pieces;
+    std::vector<bool> kept;  // per piece: it is an output, written straight, and stays
     PieceStream stream;
     SoundWriter writer{};
     host::Out_Module* module = nullptr;
@@ -232,8 +233,9 @@ struct RunResources {
             ClosePcmSource(source);
         if (writer.file != nullptr)
             sf_close(writer.file);
-        for (const std::string& piece : pieces)
-            std::remove(piece.c_str());
+        for (size_t i = 0; i < pieces.size(); ++i)
+            if (i >= kept.size() || !kept[i])
+                std::remove(pieces[i].c_str());
     }
 };
 
@@ -254,11 +256,21 @@ uint32_t WindowFrames(double window_seconds, int rate)
     return static_cast<uint32_t>(std::max(1.0, std::floor(window_seconds * rate + 0.5)));
 }
 
-// Plays every input once: through the plug-in and the meter, or through the
-// meter alone (the first pass of --normalize).
+// Where out_wav writes an input's share of the stream: a piece in the work
+// folder, or straight into an output's temporary file in the output's own
+// container (`format`, libsndfile's major format; 0 for a piece).
+struct PiecePlan {
+    std::string path;
+    int format;
+    std::string output;  // the output's name as given, when it is one
+};
+
+// Plays every input once: through the plug-in and, when the levels are
+// wanted, the meter; or through the meter alone (the first pass of
+// --normalize).
 bool RunPass(const RenderRequest& request, RenderContext& context, RunResources& run, EngineMeter& meter,
-             bool with_plugin, int processor_bits, double window_seconds, Progress& progress, PassRecord& record,
-             std::string& error)
+             bool with_plugin, const std::vector<PiecePlan>& piece_plans, int processor_bits,
+             double window_seconds, Progress& progress, PassRecord& record, std::string& error)
 {
     const size_t count = run.sources.size();
     record = PassRecord{};
@@ -279,42 +291,56 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
         module->Init();
         run.initialised = true;
     }
-    StartEngineMeter(meter);
-    ResetEngineMeter(meter);
+    // Without the levels the meter is not built at all.
+    const bool measure = request.measure;
     MeterThread metering;
-    StartMeterThread(metering, meter, record.offset, record.fed, record.processed, processor_bits);
+    if (measure) {
+        StartEngineMeter(meter);
+        ResetEngineMeter(meter);
+        StartMeterThread(metering, meter, record.offset, record.fed, record.processed, processor_bits);
+    }
 
     size_t segment = 0;
     uint64_t stream_frames = 0;    // frames written since the last reset, silence included
     std::vector<uint8_t> block;
     std::vector<uint8_t> buffer;
     std::vector<double> power;
+    std::vector<double>* frame_power = measure ? &power : nullptr;
 
     // One write to the plug-in and the meter, which counts its frames to
     // the input that they belong to, the padding's to none.
     auto write = [&](int frames, int frame_bytes, size_t current) {
         if (with_plugin) {
             PrepareWriteBuffer(buffer, block);
-            if (!WriteBlock(module, buffer, frames * frame_bytes, error))
+            if (!WriteBlock(module, buffer, frames * frame_bytes, error)) {
+                // An output written straight says why it took no more.
+                const PiecePlan& piece = piece_plans[current];
+                const std::string why = piece.format != 0 ? WhyFileIsFull(piece.path) : "";
+                if (!why.empty())
+                    error = "cannot write " + piece.output + ": " + why;
                 return false;
+            }
         }
-        QueueMeterWrite(metering, block, current, record.fed[current]);
+        if (measure)
+            QueueMeterWrite(metering, block, current, record.fed[current]);
         return true;
     };
 
     for (size_t i = 0; i < count; ++i) {
         PcmSource& source = run.sources[i];
         if (with_plugin) {
-            const std::string piece = context.work_folder + "/piece-" + std::to_string(i) + ".wav";
+            const PiecePlan& piece = piece_plans[i];
             std::vector<RegValue> writer;
-            SetRegString(writer, "Out_File", piece);
+            SetRegString(writer, "Out_File", piece.path);
             // Only what the outputs keep goes into the pieces.
             if (request.two_channel)
                 SetRegDword(writer, "Out_Channels", 2);
+            if (piece.format != 0)
+                SetRegDword(writer, "Out_Format", static_cast<uint32_t>(piece.format));
             if (!WriteRegKey(context.work_folder + "/" + kMakerKeyName + "/OutWav.reg",
                              RegKeyPath(kMakerKeyName, "OutWav"), writer, error))
                 return false;
-            run.pieces.push_back(piece);
+            run.pieces.push_back(piece.path);
         }
         if (request.reset_between && i > 0) {
             if (with_plugin) {
@@ -323,7 +349,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             }
             segment = i;
             stream_frames = 0;
-            QueueMeterRestart(metering, i);
+            if (measure)
+                QueueMeterRestart(metering, i);
         }
         if (with_plugin) {
             ReportTrace("Open " + std::to_string(source.rate) + " Hz, " + std::to_string(source.channels) +
@@ -336,7 +363,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             module->SetVolume(kFullVolume);
             module->SetPan(kCentrePan);
         }
-        QueueMeterOpen(metering, source.rate, source.channels, source.bits);
+        if (measure)
+            QueueMeterOpen(metering, source.rate, source.channels, source.bits);
 
         const int frame_bytes = source.channels * source.bits / 8;
         record.segment[i] = segment;
@@ -346,7 +374,7 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
                 error = "interrupted";
                 return false;
             }
-            const int64_t got = ReadPcmBlock(source, kWriteFrames, block, &power);
+            const int64_t got = ReadPcmBlock(source, kWriteFrames, block, frame_power);
             if (got < 0) {
                 error = "cannot read input " + request.input_names[i] + ": " + sf_strerror(source.file);
                 return false;
@@ -361,9 +389,11 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             stream_frames += static_cast<uint64_t>(got);
             if (!write(static_cast<int>(got), frame_bytes, i))
                 return false;
-            for (double& p : power)
-                p = std::sqrt(p);
-            AddLevelFrames(record.levels[i], power.data(), power.size());
+            if (measure) {
+                for (double& p : power)
+                    p = std::sqrt(p);
+                AddLevelFrames(record.levels[i], power.data(), power.size());
+            }
             progress.frames_done += static_cast<uint64_t>(got);
             progress.audio_seconds += static_cast<double>(got) / source.rate;
             DrawProgress(progress, false);
@@ -392,7 +422,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
                 ReportTrace("Stop (the processor resets at Close)");
                 SendHostCommand(*context.session, host::kCommandStop);
             }
-            QueueMeterReset(metering);
+            if (measure)
+                QueueMeterReset(metering);
         }
         if (with_plugin) {
             ReportTrace("Close");
@@ -405,8 +436,10 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
         module->Quit();
         run.initialised = false;
     }
-    QueueMeterReset(metering);
-    FinishMeterThread(metering);
+    if (measure) {
+        QueueMeterReset(metering);
+        FinishMeterThread(metering);
+    }
     return true;
 }
 
@@ -419,6 +452,62 @@ SampleWord InputWord(const PcmSource& source)
     if (source.file_bits == 24 || source.file_bits == 32)
         return SampleWord{source.file_bits, false};
     return SampleWord{16, false};
+}
+
+// The libsndfile format in which out_wav may write `plan` straight into its
+// temporary file, or 0 when the output has to be cut from the pieces: it
+// must take one input whole, from the start of a stream (the only input, or
+// each from a reset), unresampled, in the processor's own integer word (so
+// nothing is dithered or converted), in a container that holds the words
+// as they come (WAV, W64, RF64), with a length stated in advance, and the
+// format must be the same whether the silence behind the input is in the
+// file or not.
+int DirectFormat(const RenderRequest& request, const std::vector<PcmSource>& sources, const OutputPlan& plan,
+                 int channels, int processor_bits)
+{
+    if (plan.inputs.size() != 1 || (sources.size() > 1 && !request.reset_between))
+        return 0;
+    const PcmSource& source = sources[plan.inputs.front()];
+    if (source.rate != source.file_rate || source.frames < 0 || plan.word.floating || plan.word.bits != processor_bits)
+        return 0;
+    if (plan.container != Container::Wav && plan.container != Container::W64 && plan.container != Container::Rf64)
+        return 0;
+    const uint64_t frame_bytes = static_cast<uint64_t>(channels * WordBytes(plan.word));
+    const uint64_t frames = static_cast<uint64_t>(source.frames);
+    const int format = SoundFileFormat(plan.container, plan.word, channels, frames * frame_bytes);
+    if (SoundFileFormat(plan.container, plan.word, channels, (frames + kEndPaddingFrames) * frame_bytes) != format)
+        return 0;
+    return format;
+}
+
+// Cuts an output that out_wav wrote straight to the input's `frames`
+// frames. `as_planned` is false, and the file left as it is, when it is not
+// the file planned (`format`, `channels`); false with `error` when it cannot
+// be read or holds fewer frames.
+bool FinishDirectOutput(const OutputPlan& plan, int format, int channels, uint64_t frames, bool& as_planned,
+                        std::string& error)
+{
+    as_planned = false;
+    SF_INFO info{};
+    SNDFILE* file = sf_open(plan.target.temporary.c_str(), SFM_RDWR, &info);
+    if (file == nullptr) {
+        error = "cannot write " + plan.target.given + ": the output plug-in did not finish it";
+        return false;
+    }
+    if (info.format != format || info.channels != channels) {
+        sf_close(file);
+        return true;
+    }
+    sf_count_t length = static_cast<sf_count_t>(frames);
+    bool good = info.frames >= length && sf_command(file, SFC_FILE_TRUNCATE, &length, sizeof length) == 0;
+    good = sf_close(file) == 0 && good;
+    if (!good) {
+        const std::string why = WhyFileIsFull(plan.target.temporary);
+        error = "cannot write " + plan.target.given + ": " + (why.empty() ? "the output plug-in did not finish it" : why);
+        return false;
+    }
+    as_planned = true;
+    return true;
 }
 
 }  // namespace
@@ -522,12 +611,29 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
         longest += source.frames > 0 ? static_cast<double>(source.frames) / source.file_rate : 0.0;
     const double window_seconds = std::max(kShortestWindowSeconds, longest / kReportColumns);
 
+    // The outputs that out_wav writes itself, and the pieces of the others.
+    const int processor_channels = request.two_channel ? 2 : static_cast<int>(kFrameFloats);
+    std::vector<PiecePlan> piece_plans(run.sources.size());
+    for (size_t i = 0; i < run.sources.size(); ++i)
+        piece_plans[i] = {context.work_folder + "/piece-" + std::to_string(i) + ".wav", 0, ""};
+    std::vector<int> direct(request.outputs.size(), 0);
+    for (size_t p = 0; p < request.outputs.size(); ++p) {
+        OutputPlan& plan = request.outputs[p];
+        direct[p] = DirectFormat(request, run.sources, plan, processor_channels, processor_bits);
+        if (direct[p] == 0)
+            continue;
+        if (!PrepareTarget(plan.target, context.work_folder, error))
+            return false;
+        piece_plans[plan.inputs.front()] = {plan.target.temporary, direct[p] & SF_FORMAT_TYPEMASK, plan.target.given};
+    }
+
     EngineMeter meter;
     PassRecord record;
     summary.gain_db = request.gain_db;
     if (request.normalize) {
         // The first pass: the meter alone, at unity gain.
-        if (!RunPass(request, context, run, meter, false, processor_bits, window_seconds, progress, record, error))
+        if (!RunPass(request, context, run, meter, false, piece_plans, processor_bits, window_seconds, progress,
+                     record, error))
             return false;
         double largest = 0.0;
         double input_peak = 0.0;
@@ -552,7 +658,8 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
                 return false;
         }
     }
-    if (!RunPass(request, context, run, meter, true, processor_bits, window_seconds, progress, record, error))
+    if (!RunPass(request, context, run, meter, true, piece_plans, processor_bits, window_seconds, progress, record,
+                 error))
         return false;
     DrawProgress(progress, true);
 
@@ -569,6 +676,26 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
         input.truncated = source.truncated || (source.frames > 0 && source.frames_read < static_cast<uint64_t>(source.frames));
         input.input_overs = source.overs;
         input.processed = record.processed[i];
+    }
+
+    // The outputs written straight: the silence behind the input cut off.
+    // One that did not come out as planned (a processor loaded with
+    // --plugin may give other channels) is a piece like the others, and its
+    // output is cut from it after all.
+    for (size_t p = 0; p < request.outputs.size(); ++p) {
+        if (direct[p] == 0)
+            continue;
+        OutputPlan& plan = request.outputs[p];
+        const size_t input = plan.inputs.front();
+        bool as_planned = false;
+        if (!FinishDirectOutput(plan, direct[p], processor_channels, record.fed[input], as_planned, error))
+            return false;
+        if (as_planned) {
+            run.kept.resize(run.pieces.size(), false);
+            run.kept[input] = true;  // it is the output now, not a piece to remove
+        } else {
+            direct[p] = 0;  // a piece now, removed at the end; the output gets a temporary file of its own
+        }
     }
 
     // Cut the outputs from the stream that came back.
@@ -595,7 +722,8 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
     std::vector<int32_t> words;
     std::vector<double> samples;
     std::vector<double> resampled;
-    for (OutputPlan& plan : request.outputs) {
+    for (size_t p = 0; p < request.outputs.size(); ++p) {
+        OutputPlan& plan = request.outputs[p];
         OutputSummary result{};
         result.name = plan.target.given;
         result.container = plan.container;
@@ -614,15 +742,19 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
         }
         result.dithered = request.dither && !plan.word.floating && (plan.word.bits < processor_bits || any_resampled);
         const uint64_t data_bytes = result.frames * static_cast<uint64_t>(keep_channels * WordBytes(plan.word));
-        result.format = SoundFileFormat(plan.container, plan.word, keep_channels, data_bytes);
-        if (!PrepareTarget(plan.target, context.work_folder, error) ||
-            !OpenSoundWriter(plan.target.temporary, result.format, result.rate, keep_channels, plan.word,
-                             result.dithered, run.writer, error)) {
+        result.format = direct[p] != 0 ? direct[p] : SoundFileFormat(plan.container, plan.word, keep_channels, data_bytes);
+        // A file written straight is finished; it is only read for its levels.
+        const bool write = direct[p] == 0;
+        if (write && (!PrepareTarget(plan.target, context.work_folder, error) ||
+                      !OpenSoundWriter(plan.target.temporary, result.format, result.rate, keep_channels, plan.word,
+                                       result.dithered, run.writer, error))) {
             if (!error.empty() && error.find(plan.target.given) == std::string::npos)
                 error = "cannot write " + plan.target.given + ": " + error;
             return false;
         }
         for (size_t input : plan.inputs) {
+            if (!write && !request.measure)
+                break;
             const PcmSource& source = run.sources[input];
             ReportFile& file = report_files[input];
             file.name = request.input_names[input];
@@ -646,14 +778,16 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
                 frames = static_cast<size_t>(std::min<uint64_t>(frames, source.frames_read - emitted));
                 if (frames == 0)
                     return true;
-                const bool written = as_is ? WriteSoundWords(run.writer, words.data(), frames, error)
-                                           : WriteSoundFrames(run.writer, frames_in.data(), frames, error);
+                const bool written = !write || (as_is ? WriteSoundWords(run.writer, words.data(), frames, error)
+                                                      : WriteSoundFrames(run.writer, frames_in.data(), frames, error));
                 if (!written) {
                     error = "cannot write " + plan.target.given + ": " + error;
                     return false;
                 }
-                AddLevelFrames(result.levels, frames_in.data(), frames);
-                AddLevelFrames(file.output, frames_in.data(), frames);
+                if (request.measure) {
+                    AddLevelFrames(result.levels, frames_in.data(), frames);
+                    AddLevelFrames(file.output, frames_in.data(), frames);
+                }
                 emitted += frames;
                 return true;
             };
@@ -680,9 +814,9 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
                     return false;
             }
         }
-        for (int c = 0; c < keep_channels; ++c)
+        for (int c = 0; c < keep_channels && write; ++c)
             result.overs[c] += run.writer.overs[static_cast<size_t>(c)];
-        if (!CloseSoundWriter(run.writer, error)) {
+        if (write && !CloseSoundWriter(run.writer, error)) {
             error = "cannot write " + plan.target.given + ": " + error;
             return false;
         }

@@ -9,11 +9,17 @@
 // boundaries, so each has its input's exact length, whatever the headphone
 // convolver held back over a track change.
 //
+// Where an output takes one input whole, in its processor's word and in a
+// container that holds the words as they come, out_wav writes it straight
+// into the output's temporary file and the silence behind it is cut off at
+// the end: nothing is copied.
+//
 // Beside the plug-in an engine of the renderer's own gets the same writes,
 // so that the levels before the output conversion, which the PCM can no
 // longer show, are known: the samples that went over full scale, and the
 // largest level, from which --normalize takes its gain in a first pass
-// through that engine alone.
+// through that engine alone. A run that shows and uses none of the levels
+// builds no meter and measures nothing.
 //
 // Outputs are written under temporary names and reach their places only
 // when everything has succeeded.
@@ -73,6 +79,8 @@ struct RenderRequest {
     bool two_channel;                      // keep only L and R
     bool reset_between;                    // Stop and Play between files
     bool show_progress;                    // progress bar on standard error
+    bool measure;                          // levels and clipped samples are wanted: for the summary, the
+                                           // warnings, --normalize, --fail-on-clip or the report
     OutputTarget* report;                  // level picture (.svg or .png), or null
 };
 

@@ -126,16 +126,6 @@ bool ContainerHolds(Container container, SampleWord word)
     return container != Container::Flac || (!word.floating && word.bits <= 24);
 }
 
-std::vector<int> SpeakerMap(int channels)
-{
-    if (channels == 2)
-        return {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT};
-    if (channels == 6)
-        return {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT,     SF_CHANNEL_MAP_CENTER,
-                SF_CHANNEL_MAP_LFE,  SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
-    return {};
-}
-
 int WordBytes(SampleWord word)
 {
     return word.floating ? 4 : word.bits / 8;
@@ -154,12 +144,7 @@ bool OpenSoundWriter(const std::string& path, int format, int rate, int channels
         error = std::string("cannot write ") + path + ": " + sf_strerror(nullptr);
         return false;
     }
-    // The speakers, where the container has a place for them; FLAC's
-    // six-channel order is this one by definition.
-    std::vector<int> map = SpeakerMap(channels);
-    const int major = format & SF_FORMAT_TYPEMASK;
-    if (!map.empty() && major != SF_FORMAT_WAV && major != SF_FORMAT_FLAC)
-        sf_command(writer.file, SFC_SET_CHANNEL_MAP_INFO, map.data(), static_cast<int>(map.size() * sizeof(int)));
+    SetSpeakerMap(writer.file, format, channels);
     writer.channels = channels;
     writer.word = word;
     writer.dither = dither && !word.floating;
@@ -232,7 +217,6 @@ bool CloseSoundWriter(SoundWriter& writer, std::string& error)
 {
     if (writer.file == nullptr)
         return true;
-    sf_write_sync(writer.file);
     const int failed = sf_error(writer.file);
     const std::string reason = sf_strerror(writer.file);
     const int closed = sf_close(writer.file);

@@ -16,6 +16,7 @@
 #include <sndfile.h>
 
 #include "hosts/render/render_options.h"
+#include "hosts/render/speaker_map.h"
 
 enum class Container { Wav, W64, Rf64, Flac, Caf };
 
@@ -39,10 +40,6 @@ int SoundFileFormat(Container container, SampleWord word, int channels, uint64_t
 
 // True when the container can hold the word (FLAC: 16 and 24 bits only).
 bool ContainerHolds(Container container, SampleWord word);
-
-// libsndfile's speaker positions for the processor's output channels:
-// L, R for two; L, R, C, LFE, SL, SR for six; empty otherwise.
-std::vector<int> SpeakerMap(int channels);
 
 // Bytes of one sample of a word as a file stores it.
 int WordBytes(SampleWord word);

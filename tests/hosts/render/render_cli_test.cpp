@@ -318,7 +318,7 @@ TEST_F(RenderFixture, PluginThatCannotBeLoadedFailsCleanly)
 
 TEST_F(RenderFixture, InterruptedRunLeavesNoOutput)
 {
-    // Three minutes of noise in the headphone mode take a while to render.
+    // Three minutes of noise in the headphone mode take a few tenths of a second.
     const std::string in = Input("long.wav", StereoNoise(kRate * 180, 27));
     const std::vector<std::string> before = FolderEntries(work.path);
     const pid_t child = fork();
@@ -331,7 +331,16 @@ TEST_F(RenderFixture, InterruptedRunLeavesNoOutput)
               writer.c_str(), in.c_str(), work.File("o.wav").c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
-    usleep(700 * 1000);
+    // Interrupted while it renders: once the output's temporary file is
+    // there (it is made before the first block goes in), or after a while.
+    for (int waited = 0; waited < 10000; ++waited) {
+        bool started = false;
+        for (const std::string& entry : FolderEntries(work.path))
+            started = started || entry.rfind(".o.wav.tmp-", 0) == 0;
+        if (started)
+            break;
+        usleep(1000);
+    }
     kill(child, SIGINT);
     int status = 0;
     waitpid(child, &status, 0);
