@@ -17,8 +17,10 @@
 // WAVEX, W64 or RF64), and gets exactly that.
 //
 // The bytes are gathered in memory and go to the file a megabyte at a time,
-// so that a stream of small writes costs few system calls; Close (or the
-// next Open, or Quit) writes the rest.
+// on a thread of their own, so that a stream of small writes costs few
+// system calls and the file system's copying runs beside the host's work; a
+// write that failed is reported at the next one. Close (or the next Open,
+// or Quit) writes the rest and waits for it.
 //
 // Where it writes is its own setting, the string value Out_File of the key
 // HKEY_LOCAL_MACHINE\SOFTWARE\Morrowfen\OutWav in the registry stand-in. The
@@ -29,6 +31,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -63,6 +66,8 @@ struct WavWriterState {
     int frame_bytes;          // bytes of one frame of the stream
     int kept_bytes;           // bytes of it that go to the file: its first channels
     std::vector<char> gathered;  // kept bytes not in the file yet, whole frames
+    std::vector<char> writing;   // bytes being written on the writer's thread
+    std::future<bool> written;   // that write, while one is under way: true when the file took it all
     std::vector<char> partial;  // the start of a frame that a write cut off
     uint64_t data_bytes;      // sample bytes taken since Open
     uint64_t bytes_at_flush;  // data_bytes at the last Flush, the origin of the clock
@@ -136,17 +141,37 @@ int MillisecondsOf(uint64_t bytes)
     return static_cast<int>(bytes * 1000 / bytes_per_second);
 }
 
-// Puts the gathered bytes in the file. False, with the message shown, when
-// the file takes less.
-bool WriteGathered()
+// Waits for the write under way, if any. False, with the message shown,
+// when the file took less.
+bool FinishWriting()
 {
-    std::vector<char>& gathered = Writer.gathered;
-    const sf_count_t length = static_cast<sf_count_t>(gathered.size());
-    const bool written = length == 0 || sf_write_raw(Writer.file, gathered.data(), length) == length;
-    gathered.clear();
-    if (!written)
+    if (!Writer.written.valid())
+        return true;
+    const bool good = Writer.written.get();
+    if (!good)
         ShowMessage("cannot write " + Writer.path + ": " + sf_strerror(Writer.file));
-    return written;
+    return good;
+}
+
+// Hands the gathered bytes to the writer's thread once the last write is
+// done, and with `wait` waits for them too. False, with the message shown,
+// when the file took less of these or of the last.
+bool WriteGathered(bool wait)
+{
+    if (!FinishWriting()) {
+        Writer.gathered.clear();
+        return false;
+    }
+    std::swap(Writer.gathered, Writer.writing);
+    Writer.gathered.clear();
+    if (!Writer.writing.empty()) {
+        SNDFILE* file = Writer.file;
+        const char* bytes = Writer.writing.data();
+        const sf_count_t length = static_cast<sf_count_t>(Writer.writing.size());
+        Writer.written =
+            std::async(std::launch::async, [file, bytes, length] { return sf_write_raw(file, bytes, length) == length; });
+    }
+    return !wait || FinishWriting();
 }
 
 // Finishes and closes the file.
@@ -154,7 +179,7 @@ void FinishFile()
 {
     if (Writer.file == nullptr)
         return;
-    WriteGathered();
+    WriteGathered(true);
     const bool good = sf_error(Writer.file) == SF_ERR_NO_ERROR;
     const std::string reason = sf_strerror(Writer.file);
     if (sf_close(Writer.file) != 0 || !good)
@@ -230,6 +255,7 @@ int Open(int samplerate, int numchannels, int bitspersamp, int, int)
         sf_command(Writer.file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
     SetSpeakerMap(Writer.file, info.format, kept_channels);
     Writer.gathered.reserve(kGatherBytes + static_cast<size_t>(kCanWriteBytes));
+    Writer.writing.reserve(Writer.gathered.capacity());
     return 0;
 }
 
@@ -271,7 +297,7 @@ bool WriteFrames(const char* bytes, size_t length)
     else
         for (size_t from = 0; from < length; from += frame, to += kept)
             std::memcpy(to, bytes + from, kept);
-    return gathered.size() < kGatherBytes || WriteGathered();
+    return gathered.size() < kGatherBytes || WriteGathered(false);
 }
 
 // The bytes go to the file as they are, in whole frames: a frame that a

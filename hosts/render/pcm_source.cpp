@@ -208,20 +208,35 @@ void MeasureWords(PcmSource& source, const uint8_t* bytes, size_t frames, std::v
     source.peak = peak;
 }
 
-// The raw path: the file's data bytes, read a megabyte at a time, handed
-// on as they stand.
+// Starts reading the file's next bytes on a thread of their own, so that
+// the file system's copy runs beside the processor's work.
+void ReadAhead(PcmSource& source, size_t frame_bytes)
+{
+    source.reading.resize(kReadAheadBytes / frame_bytes * frame_bytes);
+    SNDFILE* file = source.file;
+    uint8_t* into = source.reading.data();
+    const sf_count_t length = static_cast<sf_count_t>(source.reading.size());
+    source.read = std::async(std::launch::async, [file, into, length] { return sf_read_raw(file, into, length); });
+}
+
+// The raw path: the file's data bytes, read a megabyte at a time ahead of
+// their use, handed on as they stand.
 int64_t ReadRaw(PcmSource& source, int frames, std::vector<uint8_t>& bytes, std::vector<double>* frame_power)
 {
     const size_t frame_bytes = static_cast<size_t>(source.channels * source.bits / 8);
     std::vector<uint8_t>& ahead = source.read_ahead;
     if (source.read_at == ahead.size()) {
-        ahead.resize(kReadAheadBytes / frame_bytes * frame_bytes);
-        const sf_count_t got = sf_read_raw(source.file, ahead.data(), static_cast<sf_count_t>(ahead.size()));
+        if (!source.read.valid())
+            ReadAhead(source, frame_bytes);
+        const sf_count_t got = source.read.get();
         if (got < 0 || sf_error(source.file) != SF_ERR_NO_ERROR)
             return -1;
+        std::swap(ahead, source.reading);
         // A frame cut off by the end of a truncated file is not handed on.
         ahead.resize(static_cast<size_t>(got) / frame_bytes * frame_bytes);
         source.read_at = 0;
+        if (got > 0)
+            ReadAhead(source, frame_bytes);
     }
     const size_t length = std::min(static_cast<size_t>(frames) * frame_bytes, ahead.size() - source.read_at);
     bytes.assign(ahead.data() + source.read_at, ahead.data() + source.read_at + length);
@@ -235,6 +250,15 @@ int64_t ReadRaw(PcmSource& source, int frames, std::vector<uint8_t>& bytes, std:
     if (got == 0)
         source.at_end = true;
     return static_cast<int64_t>(got);
+}
+
+// Waits for a read still under way: nothing else may touch the file while
+// it runs.
+void FinishReadAhead(PcmSource& source)
+{
+    if (source.read.valid())
+        source.read.wait();
+    source.read = {};
 }
 
 // The exact path: the file's words, as they are (a mono file fed as stereo
@@ -487,6 +511,7 @@ bool PlanPcmSource(PcmSource& source, const FeedPlan& plan, std::string& error)
     // six-channel pass, so they go at 32.
     source.bits = source.exact ? source.file_bits : (source.channels == 4 ? 24 : 32);
     source.raw = source.exact && source.channels == source.file_channels && DataAreWords(source.file_format);
+    FinishReadAhead(source);
     source.read_ahead.clear();
     source.read_at = 0;
     CloseResampler(source.resampler);
@@ -498,6 +523,7 @@ bool PlanPcmSource(PcmSource& source, const FeedPlan& plan, std::string& error)
 
 bool RewindPcmSource(PcmSource& source, std::string& error)
 {
+    FinishReadAhead(source);
     if (sf_seek(source.file, 0, SEEK_SET) != 0) {
         error = "cannot read input " + source.path + " a second time: " + sf_strerror(source.file);
         return false;
@@ -533,6 +559,7 @@ bool PcmSourceUnchanged(const PcmSource& source, const std::string& name, std::s
 
 void ClosePcmSource(PcmSource& source)
 {
+    FinishReadAhead(source);
     CloseResampler(source.resampler);
     if (source.file != nullptr)
         sf_close(source.file);

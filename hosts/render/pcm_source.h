@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,8 @@ struct PcmSource {
 
     std::vector<uint8_t> read_ahead;  // raw: bytes read from the file, whole frames
     size_t read_at;                   // raw: the first of them not handed on yet
+    std::vector<uint8_t> reading;     // raw: the next bytes, being read on a thread of their own
+    std::future<sf_count_t> read;     // raw: that read, when one is under way
     std::vector<int32_t> ints;    // scratch for integer reads
     std::vector<double> doubles;  // scratch
     std::vector<double> mixed;    // scratch

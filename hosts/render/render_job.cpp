@@ -91,8 +91,32 @@ void DrawProgress(Progress& progress, bool final)
     std::fflush(out);
 }
 
+// The work buffer holds the block and, behind it, zeros: for four channels of
+// 32 bits and five of 24 bits the processor reads on past what the block's
+// frames take. This build stops at the end of the buffer it is given; a
+// processor loaded with --plugin may read up to 2.2 times the block's length
+// beyond, and those reads must land on something defined. Everything behind
+// the first `filled` bytes is zero, so only what the last block held beyond
+// this one's end is cleared again.
+struct WriteBuffer {
+    std::vector<uint8_t> bytes;
+    size_t filled = 0;
+};
+
+void PrepareWriteBuffer(WriteBuffer& buffer, const std::vector<uint8_t>& block)
+{
+    const size_t length = block.size();
+    const size_t total = 3 * length + 64;
+    if (buffer.bytes.size() < total)
+        buffer.bytes.resize(total);
+    std::memcpy(buffer.bytes.data(), block.data(), length);
+    if (buffer.filled > length)
+        std::memset(buffer.bytes.data() + length, 0, buffer.filled - length);
+    buffer.filled = length;
+}
+
 // Hands one block to the processor as a player does: wait for room, write.
-bool WriteBlock(host::Out_Module* module, std::vector<uint8_t>& buffer, int length, std::string& error)
+bool WriteBlock(host::Out_Module* module, WriteBuffer& buffer, int length, std::string& error)
 {
     const Clock::time_point start = Clock::now();
     while (module->CanWrite() < length) {
@@ -106,26 +130,11 @@ bool WriteBlock(host::Out_Module* module, std::vector<uint8_t>& buffer, int leng
         }
         usleep(1000);
     }
-    if (module->Write(reinterpret_cast<char*>(buffer.data()), length) != 0) {
+    if (module->Write(reinterpret_cast<char*>(buffer.bytes.data()), length) != 0) {
         error = "the output plug-in refused a block (is the disk full?)";
         return false;
     }
     return true;
-}
-
-// The work buffer holds the block and, behind it, zeros: for four channels of
-// 32 bits and five of 24 bits the processor reads on past what the block's
-// frames take. This build stops at the end of the buffer it is given; a
-// processor loaded with --plugin may read up to 2.2 times the block's length
-// beyond, and those reads must land on something defined.
-void PrepareWriteBuffer(std::vector<uint8_t>& buffer, const std::vector<uint8_t>& block)
-{
-    const size_t length = block.size();
-    const size_t total = 3 * length + 64;
-    if (buffer.size() < total)
-        buffer.resize(total);
-    std::memcpy(buffer.data(), block.data(), length);
-    std::memset(buffer.data() + length, 0, total - length);
 }
 
 // The pieces that out_wav wrote, read back as one stream of frames.
@@ -303,7 +312,7 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
     size_t segment = 0;
     uint64_t stream_frames = 0;    // frames written since the last reset, silence included
     std::vector<uint8_t> block;
-    std::vector<uint8_t> buffer;
+    WriteBuffer buffer;
     std::vector<double> power;
     std::vector<double>* frame_power = measure ? &power : nullptr;
 
