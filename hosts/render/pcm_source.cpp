@@ -220,35 +220,43 @@ void ReadAhead(PcmSource& source, size_t frame_bytes)
 }
 
 // The raw path: the file's data bytes, read a megabyte at a time ahead of
-// their use, handed on as they stand.
+// their use, handed on as they stand; a block that spans two reads is
+// joined from both, so that every block but the last is whole.
 int64_t ReadRaw(PcmSource& source, int frames, std::vector<uint8_t>& bytes, std::vector<double>* frame_power)
 {
     const size_t frame_bytes = static_cast<size_t>(source.channels * source.bits / 8);
+    const size_t wanted = static_cast<size_t>(frames) * frame_bytes;
     std::vector<uint8_t>& ahead = source.read_ahead;
-    if (source.read_at == ahead.size()) {
-        if (!source.read.valid())
+    bytes.clear();
+    while (bytes.size() < wanted) {
+        if (source.read_at == ahead.size()) {
+            if (source.at_end)
+                break;
+            if (!source.read.valid())
+                ReadAhead(source, frame_bytes);
+            const sf_count_t got = source.read.get();
+            if (got < 0 || sf_error(source.file) != SF_ERR_NO_ERROR)
+                return -1;
+            std::swap(ahead, source.reading);
+            // A frame cut off by the end of a truncated file is not handed on.
+            ahead.resize(static_cast<size_t>(got) / frame_bytes * frame_bytes);
+            source.read_at = 0;
+            if (ahead.empty()) {
+                source.at_end = true;
+                break;
+            }
             ReadAhead(source, frame_bytes);
-        const sf_count_t got = source.read.get();
-        if (got < 0 || sf_error(source.file) != SF_ERR_NO_ERROR)
-            return -1;
-        std::swap(ahead, source.reading);
-        // A frame cut off by the end of a truncated file is not handed on.
-        ahead.resize(static_cast<size_t>(got) / frame_bytes * frame_bytes);
-        source.read_at = 0;
-        if (got > 0)
-            ReadAhead(source, frame_bytes);
+        }
+        const size_t length = std::min(wanted - bytes.size(), ahead.size() - source.read_at);
+        bytes.insert(bytes.end(), ahead.data() + source.read_at, ahead.data() + source.read_at + length);
+        source.read_at += length;
     }
-    const size_t length = std::min(static_cast<size_t>(frames) * frame_bytes, ahead.size() - source.read_at);
-    bytes.assign(ahead.data() + source.read_at, ahead.data() + source.read_at + length);
-    source.read_at += length;
-    const size_t got = length / frame_bytes;
+    const size_t got = bytes.size() / frame_bytes;
     // The levels only where they are measured (--normalize among them).
     if (frame_power != nullptr)
         MeasureWords(source, bytes.data(), got, frame_power);
     source.frames_read += got;
     source.frames_fed += got;
-    if (got == 0)
-        source.at_end = true;
     return static_cast<int64_t>(got);
 }
 

@@ -1,11 +1,13 @@
 // out_wav.so driven through its record as any host would drive it, and the
 // files it leaves read back with libsndfile.
+#include <algorithm>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fstream>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
+#include <sndfile.h>
 
 #include "test_audio.h"
 #include "hosts/out_module_host.h"
@@ -235,6 +237,85 @@ TEST_F(WriterFixture, OutChannelsKeepsTheFirstChannelsOfEachFrame)
     const TestAudio audio = ReadTestAudio(file);
     EXPECT_EQ(audio.channels, 2);
     EXPECT_EQ(audio.samples, (std::vector<int32_t>{1, 2, -7, -8}));
+}
+
+// Out_Format names the container exactly: a plain WAV format chunk
+// (WAVE_FORMAT_PCM, 1) for stereo of 16 bits, W64, RF64, where the default
+// is RF64 turned into WAVE_FORMAT_EXTENSIBLE (0xFFFE).
+TEST_F(WriterFixture, OutFormatNamesTheContainer)
+{
+    struct Case {
+        const char* name;
+        const char* value;  // the dword, empty for none
+        int format;
+    };
+    const Case cases[] = {{"plain.wav", "00010000", SF_FORMAT_WAV | SF_FORMAT_PCM_16},
+                          {"o.w64", "000b0000", SF_FORMAT_W64 | SF_FORMAT_PCM_16},
+                          {"o.rf64", "00220000", SF_FORMAT_RF64 | SF_FORMAT_PCM_16},
+                          {"default.wav", "", SF_FORMAT_WAVEX | SF_FORMAT_PCM_16},
+                          {"unknown.wav", "00170000", SF_FORMAT_WAVEX | SF_FORMAT_PCM_16}};
+    for (const Case& c : cases) {
+        const std::string file = output.File(c.name);
+        mkdir(config.File("Morrowfen").c_str(), 0755);
+        std::ofstream reg(config.File("Morrowfen/OutWav.reg"), std::ios::binary);
+        reg << "Windows Registry Editor Version 5.00\n\n"
+               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\OutWav]\n"
+               "\"Out_File\"=\"" << file << "\"\n";
+        if (c.value[0] != '\0')
+            reg << "\"Out_Format\"=dword:" << c.value << "\n";
+        reg.close();
+        ASSERT_GE(module->Open(44100, 2, 16, 2000, 500), 0) << c.name;
+        EXPECT_EQ(Write(Sixteen({1, -2, 3, -4})), 0);
+        module->Close();
+        const TestAudio audio = ReadTestAudio(file);
+        EXPECT_EQ(audio.format, c.format) << c.name;
+        EXPECT_EQ(audio.samples, (std::vector<int32_t>{1, -2, 3, -4})) << c.name;
+    }
+    std::ifstream plain(output.File("plain.wav"), std::ios::binary);
+    char header[22] = {};
+    plain.read(header, sizeof header);
+    EXPECT_EQ(header[20], 1);
+    EXPECT_EQ(header[21], 0);
+}
+
+// The bytes are gathered and go to the file a megabyte at a time: a stream
+// of player-sized writes, frames cut across writes, reads back whole and in
+// order well past several megabytes, and with Out_Channels too.
+TEST_F(WriterFixture, ManySmallWritesReadBackWholeAcrossTheGatheredMegabytes)
+{
+    for (const char* channels : {"", "00000002"}) {
+        const std::string file = output.File("long.wav");
+        mkdir(config.File("Morrowfen").c_str(), 0755);
+        std::ofstream reg(config.File("Morrowfen/OutWav.reg"), std::ios::binary);
+        reg << "Windows Registry Editor Version 5.00\n\n"
+               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Morrowfen\\OutWav]\n"
+               "\"Out_File\"=\"" << file << "\"\n";
+        if (channels[0] != '\0')
+            reg << "\"Out_Channels\"=dword:" << channels << "\n";
+        reg.close();
+        ASSERT_GE(module->Open(44100, 6, 16, 2000, 500), 0);
+        // 400000 frames of six channels (4.8 MB), sample k of the stream
+        // holding k modulo 65536 as a signed word, in writes of 6911 bytes:
+        // not a whole number of frames.
+        constexpr int kFrames = 400000;
+        std::vector<uint8_t> stream;
+        for (int k = 0; k < kFrames * 6; ++k) {
+            stream.push_back(static_cast<uint8_t>(k & 0xFF));
+            stream.push_back(static_cast<uint8_t>((k >> 8) & 0xFF));
+        }
+        for (size_t at = 0; at < stream.size(); at += 6911) {
+            const size_t end = std::min(stream.size(), at + 6911);
+            ASSERT_EQ(Write(std::vector<uint8_t>(stream.begin() + static_cast<long>(at), stream.begin() + static_cast<long>(end))), 0);
+        }
+        module->Close();
+        const TestAudio audio = ReadTestAudio(file);
+        const int kept = channels[0] == '\0' ? 6 : 2;
+        ASSERT_EQ(audio.channels, kept);
+        ASSERT_EQ(audio.Frames(), kFrames);
+        for (int64_t i = 0; i < kFrames; ++i)
+            for (int c = 0; c < kept; ++c)
+                ASSERT_EQ(audio.At(i, c), static_cast<int16_t>((i * 6 + c) & 0xFFFF)) << "frame " << i << " channel " << c;
+    }
 }
 
 TEST_F(WriterFixture, EachOpenReadsTheFileNameAnew)

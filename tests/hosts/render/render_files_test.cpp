@@ -3,6 +3,8 @@
 // word follows the input unless asked otherwise, shorter words are dithered,
 // a WAV too large for RIFF becomes RF64, "-" is standard input and output,
 // and links, FIFOs and devices are written through.
+#include <fstream>
+#include <iterator>
 #include <sys/stat.h>
 #include <thread>
 
@@ -18,6 +20,12 @@ int32_t BypassWord16(int32_t sample)
     const float y = x * 0.707f;
     const float z = y * 27852.80078125f;
     return static_cast<int32_t>(z);
+}
+
+std::vector<char> FileBytes(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return std::vector<char>(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 SF_INFO FileInfo(const std::string& path)
@@ -118,6 +126,53 @@ TEST_F(RenderFixture, TheContainerFollowsTheExtensionOrFormat)
     const ProcessResult unknown = Render({in, work.File("o.mp3")});
     EXPECT_EQ(unknown.status, 2);
     EXPECT_NE(unknown.err.find("--format"), std::string::npos) << unknown.err;
+}
+
+// A WAV output of one input is written by out_wav itself and cut to length
+// at the end; a CAF output is cut from the pieces. Through the headphone
+// mode, which holds frames back until the silence behind the input lets
+// them go, both hold the same frames, and the same with -o DIR, where each
+// file starts from a reset processor.
+TEST_F(RenderFixture, AnOutputWrittenStraightHoldsWhatOneCutFromThePiecesHolds)
+{
+    const TestAudio input = StereoNoise(30000, 58);
+    const std::string in = Input("in.wav", input);
+    ASSERT_EQ(Render({"-q", "--mode", "headphone", in, work.File("straight.wav")}).status, 0);
+    ASSERT_EQ(Render({"-q", "--mode", "headphone", in, work.File("cut.caf")}).status, 0);
+    const TestAudio straight = ReadTestAudio(work.File("straight.wav"));
+    const TestAudio cut = ReadTestAudio(work.File("cut.caf"));
+    EXPECT_EQ(straight.format, SF_FORMAT_WAVEX | SF_FORMAT_PCM_16);
+    EXPECT_EQ(straight.Frames(), input.Frames());
+    EXPECT_EQ(straight.channels, 6);
+    EXPECT_EQ(straight.samples, cut.samples);
+
+    const std::string second = Input("second.wav", StereoNoise(20000, 59));
+    ASSERT_EQ(Render({"-q", "--mode", "headphone", "-o", work.File("wav"), in, second}).status, 0);
+    ASSERT_EQ(Render({"-q", "--mode", "headphone", "--format", "caf", "-o", work.File("caf"), in, second}).status, 0);
+    EXPECT_EQ(ReadTestAudio(work.File("wav/in.wav")).samples, cut.samples);
+    EXPECT_EQ(ReadTestAudio(work.File("wav/second.wav")).samples, ReadTestAudio(work.File("caf/second.caf")).samples);
+    EXPECT_EQ(ReadTestAudio(work.File("wav/second.wav")).Frames(), 20000);
+}
+
+// With -q and nothing that needs them the levels are not measured; the
+// files are the same, byte for byte, written straight or cut from pieces.
+TEST_F(RenderFixture, AQuietRunWritesTheSameBytes)
+{
+    const std::string first = Input("first.wav", StereoNoise(20000, 60));
+    const std::string second = Input("second.wav", StereoNoise(10000, 61));
+    for (const std::vector<std::string>& inputs : {std::vector<std::string>{first},
+                                                   std::vector<std::string>{first, second}}) {
+        std::vector<std::string> loud = {"--mode", "asr"}, quiet = {"-q", "--mode", "asr"};
+        loud.insert(loud.end(), inputs.begin(), inputs.end());
+        quiet.insert(quiet.end(), inputs.begin(), inputs.end());
+        loud.push_back(work.File("loud.wav"));
+        quiet.push_back(work.File("quiet.wav"));
+        const ProcessResult shown = Render(loud);
+        ASSERT_EQ(shown.status, 0) << shown.err;
+        EXPECT_NE(shown.out.find("clipped"), std::string::npos) << shown.out;
+        ASSERT_EQ(Render(quiet).status, 0);
+        EXPECT_EQ(FileBytes(work.File("loud.wav")), FileBytes(work.File("quiet.wav"))) << inputs.size() << " inputs";
+    }
 }
 
 TEST_F(RenderFixture, TheWordFollowsTheInputAndFloatStaysFloat)

@@ -628,6 +628,74 @@ TEST(PcmSource, FramePowerIsTheMeanSquareOverChannels)
     EXPECT_DOUBLE_EQ(power[1], 0.125);
 }
 
+// A WAV file's data bytes go on as they stand, read ahead in large pieces;
+// the same words in an AIFF file (big-endian, 8-bit signed) go through
+// libsndfile's integers. Both must hand on the same bytes, block by block,
+// with the same frame powers and the same peak, to the last frame.
+TEST(PcmSource, WavDataAsTheyStandEqualTheSameWordsReadThroughLibsndfile)
+{
+    TempFolder folder;
+    struct Depth {
+        int bits;
+        int wav_subtype;
+        int aiff_subtype;
+    };
+    const Depth depths[] = {{8, SF_FORMAT_PCM_U8, SF_FORMAT_PCM_S8},
+                            {16, SF_FORMAT_PCM_16, SF_FORMAT_PCM_16},
+                            {24, SF_FORMAT_PCM_24, SF_FORMAT_PCM_24},
+                            {32, SF_FORMAT_PCM_32, SF_FORMAT_PCM_32}};
+    for (const Depth& depth : depths)
+        for (int channels : {1, 2, 6}) {
+            // More than a megabyte, and not a whole number of blocks; full
+            // scale both ways among the words.
+            const int frames = (1 << 20) / (channels * depth.bits / 8) + 1000;
+            const int64_t top = int64_t{1} << (depth.bits - 1);
+            TestAudio audio{44100, channels, 0, {}};
+            uint32_t state = 12345;
+            for (int i = 0; i < frames * channels; ++i) {
+                state = state * 1664525u + 1013904223u;
+                audio.samples.push_back(static_cast<int32_t>(static_cast<int64_t>(state % static_cast<uint64_t>(2 * top)) - top));
+            }
+            audio.samples[0] = static_cast<int32_t>(-top);
+            audio.samples[1] = static_cast<int32_t>(top - 1);
+            const std::string wav = folder.File("raw.wav"), aiff = folder.File("words.aiff");
+            audio.format = SF_FORMAT_WAV | depth.wav_subtype;
+            WriteTestAudio(wav, audio);
+            audio.format = SF_FORMAT_AIFF | depth.aiff_subtype;
+            WriteTestAudio(aiff, audio);
+
+            PcmSource a{}, b{};
+            std::string error;
+            ASSERT_TRUE(OpenPcmSource(wav, a, error) && OpenPcmSource(aiff, b, error)) << error;
+            FeedPlan plan = PlainPlan();
+            plan.rate = 44100;
+            ASSERT_TRUE(PlanPcmSource(a, plan, error) && PlanPcmSource(b, plan, error)) << error;
+            ASSERT_TRUE(a.raw) << depth.bits;
+            ASSERT_FALSE(b.raw) << depth.bits;
+            ASSERT_EQ(a.bits, depth.bits);
+            ASSERT_EQ(b.bits, depth.bits);
+            std::vector<uint8_t> bytes_a, bytes_b;
+            std::vector<double> power_a, power_b;
+            int64_t total = 0;
+            for (;;) {
+                const int64_t got_a = ReadPcmBlock(a, 576, bytes_a, &power_a);
+                const int64_t got_b = ReadPcmBlock(b, 576, bytes_b, &power_b);
+                ASSERT_EQ(got_a, got_b) << depth.bits << " bits, " << channels << " channels, at " << total;
+                ASSERT_EQ(bytes_a, bytes_b) << depth.bits << " bits, " << channels << " channels, at " << total;
+                ASSERT_EQ(power_a, power_b) << depth.bits << " bits, " << channels << " channels, at " << total;
+                if (got_a == 0)
+                    break;
+                total += got_a;
+            }
+            EXPECT_EQ(total, frames);
+            EXPECT_EQ(a.peak, 1.0);
+            EXPECT_EQ(b.peak, 1.0);
+            EXPECT_EQ(a.frames_read, static_cast<uint64_t>(frames));
+            ClosePcmSource(a);
+            ClosePcmSource(b);
+        }
+}
+
 TEST(PcmSource, ThreeOrMoreThanSixChannelsAreRefusedWithoutADownmix)
 {
     TempFolder folder;
