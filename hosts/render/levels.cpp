@@ -2,8 +2,10 @@
 #include "hosts/render/levels.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 
 #include "hosts/render/engine_meter.h"
@@ -194,35 +196,66 @@ inline float LargerMagnitude(float largest, float magnitude)
     return magnitude > largest || magnitude != magnitude ? magnitude : largest;
 }
 
-// Two frames at a time as twelve lanes, channel k % 6 in lane k, so that the
-// compiler can work on them four or eight at once; the lanes are folded
-// into the six channels at the end.
+// Four floats side by side in the vector unit, and the masks that their
+// comparisons give (all ones where true).
+typedef float Floats __attribute__((vector_size(16)));
+typedef int32_t Masks __attribute__((vector_size(16)));
+
+inline Floats LoadFloats(const float* p)
+{
+    Floats v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// The magnitude of each lane: the sign bit cleared, as fabs does.
+inline Floats Magnitudes(Floats x)
+{
+    const Masks sign = {INT32_MIN, INT32_MIN, INT32_MIN, INT32_MIN};
+    return reinterpret_cast<Floats>(reinterpret_cast<Masks>(x) & ~sign);
+}
+
+// Two frames at a time as twelve lanes in three vectors, channel k % 6 in
+// lane k; each lane keeps its own largest magnitude (LargerMagnitude, lane
+// by lane) and its own count of overs, and the lanes are folded into the
+// six channels at the end.
 void AddProcessedRun(const float* frame, size_t run, const FloatLimits& limits, float* peak, uint64_t* overs)
 {
-    float largest[12];
-    uint32_t over[12];
-    for (int k = 0; k < 12; ++k) {
-        largest[k] = peak[k % 6];
-        over[k] = 0;
-    }
+    Floats largest[3];
+    Masks over[3] = {};
+    for (int v = 0; v < 3; ++v)
+        for (int k = 0; k < 4; ++k)
+            largest[v][k] = peak[(4 * v + k) % 6];
+    const Floats scale = {limits.scale, limits.scale, limits.scale, limits.scale};
+    const Floats high = {limits.high, limits.high, limits.high, limits.high};
+    const Floats low = {limits.low, limits.low, limits.low, limits.low};
     size_t i = 0;
     for (; i + 2 <= run; i += 2, frame += 12)
-        for (int k = 0; k < 12; ++k) {
-            const float x = frame[k];
-            largest[k] = LargerMagnitude(largest[k], std::fabs(x));
-            const float product = x * limits.scale;
-            over[k] += (product != product) | (product >= limits.high) | (product <= limits.low);
+        for (int v = 0; v < 3; ++v) {
+            const Floats x = LoadFloats(frame + 4 * v);
+            const Floats magnitude = Magnitudes(x);
+            largest[v] = (magnitude > largest[v]) | (magnitude != magnitude) ? magnitude : largest[v];
+            const Floats product = x * scale;
+            // A true comparison is -1: subtracting it counts one.
+            over[v] -= (product != product) | (product >= high) | (product <= low);
+        }
+    float lane_largest[12];
+    uint32_t lane_over[12];
+    for (int v = 0; v < 3; ++v)
+        for (int k = 0; k < 4; ++k) {
+            lane_largest[4 * v + k] = largest[v][k];
+            lane_over[4 * v + k] = static_cast<uint32_t>(over[v][k]);
         }
     for (; i < run; ++i, frame += 6)
         for (int k = 0; k < 6; ++k) {
             const float x = frame[k];
-            largest[k] = LargerMagnitude(largest[k], std::fabs(x));
+            lane_largest[k] = LargerMagnitude(lane_largest[k], std::fabs(x));
             const float product = x * limits.scale;
-            over[k] += (product != product) | (product >= limits.high) | (product <= limits.low);
+            lane_over[k] += (product != product) | (product >= limits.high) | (product <= limits.low);
         }
     for (int c = 0; c < 6; ++c) {
-        peak[c] = LargerMagnitude(largest[c], largest[c + 6]);
-        overs[c] = static_cast<uint64_t>(over[c]) + over[c + 6];
+        peak[c] = LargerMagnitude(lane_largest[c], lane_largest[c + 6]);
+        overs[c] = static_cast<uint64_t>(lane_over[c]) + lane_over[c + 6];
     }
 }
 

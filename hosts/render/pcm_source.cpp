@@ -171,34 +171,37 @@ bool DataAreWords(int format)
     return riff && words && (endian == SF_ENDIAN_FILE || endian == SF_ENDIAN_LITTLE);
 }
 
-// One sample of `bits` bits as the processor takes it, as a signed value.
-inline int32_t WordValue(const uint8_t* at, int bits)
+// One sample of `Bits` bits as the processor takes it, as a signed value.
+template <int Bits>
+inline int32_t WordValue(const uint8_t* at)
 {
-    switch (bits) {
-    case 8: return int32_t{at[0]} - 128;
-    case 16: return static_cast<int16_t>(static_cast<uint16_t>(at[0] | at[1] << 8));
-    case 24: return static_cast<int32_t>(static_cast<uint32_t>(at[0] << 8 | at[1] << 16 | at[2] << 24)) >> 8;
-    default: return static_cast<int32_t>(static_cast<uint32_t>(at[0]) | uint32_t{at[1]} << 8 |
-                                         uint32_t{at[2]} << 16 | uint32_t{at[3]} << 24);
-    }
+    if constexpr (Bits == 8)
+        return int32_t{at[0]} - 128;
+    else if constexpr (Bits == 16)
+        return static_cast<int16_t>(static_cast<uint16_t>(at[0] | at[1] << 8));
+    else if constexpr (Bits == 24)
+        return static_cast<int32_t>(static_cast<uint32_t>(at[0] << 8 | at[1] << 16 | at[2] << 24)) >> 8;
+    else
+        return static_cast<int32_t>(static_cast<uint32_t>(at[0]) | uint32_t{at[1]} << 8 | uint32_t{at[2]} << 16 |
+                                    uint32_t{at[3]} << 24);
 }
 
 // The largest magnitude and, if wanted, the mean square of each frame of
 // `frames` frames of the words in `bytes` (full scale 1.0): the same sums,
 // in the same order, as the exact path makes from libsndfile's integers.
-void MeasureWords(PcmSource& source, const uint8_t* bytes, size_t frames, std::vector<double>* frame_power)
+template <int Bits>
+void MeasureWordsOf(PcmSource& source, const uint8_t* bytes, size_t frames, std::vector<double>* frame_power)
 {
     const int channels = source.channels;
-    const int sample_bytes = source.bits / 8;
     // A power of two: the product by its reciprocal is the quotient.
-    const double step = 1.0 / std::ldexp(1.0, source.bits - 1);
+    constexpr double kStep = 1.0 / static_cast<double>(int64_t{1} << (Bits - 1));
     if (frame_power != nullptr)
-        frame_power->assign(frames, 0.0);
+        frame_power->resize(frames);
     double peak = source.peak;
     for (size_t i = 0; i < frames; ++i) {
         double power = 0.0;
-        for (int c = 0; c < channels; ++c, bytes += sample_bytes) {
-            const double level = WordValue(bytes, source.bits) * step;
+        for (int c = 0; c < channels; ++c, bytes += Bits / 8) {
+            const double level = WordValue<Bits>(bytes) * kStep;
             power += level * level;
             peak = std::max(peak, std::fabs(level));
         }
@@ -206,6 +209,16 @@ void MeasureWords(PcmSource& source, const uint8_t* bytes, size_t frames, std::v
             (*frame_power)[i] = power / channels;
     }
     source.peak = peak;
+}
+
+void MeasureWords(PcmSource& source, const uint8_t* bytes, size_t frames, std::vector<double>* frame_power)
+{
+    switch (source.bits) {
+    case 8: MeasureWordsOf<8>(source, bytes, frames, frame_power); break;
+    case 16: MeasureWordsOf<16>(source, bytes, frames, frame_power); break;
+    case 24: MeasureWordsOf<24>(source, bytes, frames, frame_power); break;
+    default: MeasureWordsOf<32>(source, bytes, frames, frame_power); break;
+    }
 }
 
 // Starts reading the file's next bytes on a thread of their own, so that
