@@ -6,7 +6,10 @@
 # six tables, installs ffmpeg and sox from Debian when they are missing, then
 # runs ours and theirs alternately, PAIRS times each (at least 3), and prints
 # a Markdown table of the medians, the ratios and the targets. Our runs use
-# a planner wisdom cache of their own, filled by one untimed run first.
+# a planner wisdom cache of their own, filled by one untimed run first, and
+# -q: the output alone, as theirs, so the levels are not measured. A second
+# table times ours again without -q (the levels measured, the summary
+# printed) against the same medians of theirs.
 # Before every timed run the earlier outputs are removed and the disk is
 # synced, so that no run pays for writing back another's files.
 #
@@ -81,6 +84,8 @@ median() {
 
 # compare LABEL TARGET-RATIO -- OUR COMMAND... -- THEIR COMMAND...
 rows=()
+theirs_wall=()
+theirs_cpu=()
 compare() {
     local label=$1 target=$2; shift 3
     local ours_cmd=() theirs_cmd=()
@@ -102,6 +107,25 @@ compare() {
     verdict=$(calc "$ratio" ">=" "$target")
     rows+=("$(printf '| %s | %.3f s | %.3f s | %.2f | %.3f s | %.3f s | %.2f | %s %s |' "$label" "$ma" "$mb" "$ratio" \
         "$mca" "$mcb" "$cpu_ratio" "$( ((verdict)) && echo met || echo 'NOT met')" "(>= $target)")")
+    theirs_wall+=("$mb")
+    theirs_cpu+=("$mcb")
+}
+
+# measured INDEX LABEL -- OUR COMMAND...: ours again, the command as given
+# (without -q), against theirs' medians of row INDEX.
+measured_rows=()
+measured() {
+    local index=$1 label=$2; shift 3
+    local a=() ca=() t
+    for ((i = 0; i < pairs; ++i)); do
+        settle
+        t=$(seconds "$@"); a+=("${t% *}"); ca+=("${t#* }")
+    done
+    local ma mca
+    ma=$(median "${a[@]}"); mca=$(median "${ca[@]}")
+    measured_rows+=("$(printf '| %s | %.3f s | %.3f s | %.2f | %.3f s | %.3f s | %.2f |' "$label" "$ma" \
+        "${theirs_wall[$index]}" "$(calc "${theirs_wall[$index]}" / "$ma")" "$mca" "${theirs_cpu[$index]}" \
+        "$(calc "${theirs_cpu[$index]}" / "$mca")")")
 }
 
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -119,6 +143,13 @@ compare "120 s six-channel, mode 5 \`--two-channel\` vs \`aresample=matrix_encod
 compare "600 s stereo, mode 0 \`--two-channel\` vs \`sox in.wav out.wav\`" 1 -- \
     "$render" -q --mode bypass --two-channel "$work/stereo600.wav" "$work/out-o0.wav" -- \
     sox "$work/stereo600.wav" "$work/out-s0.wav"
+measured 0 "600 s stereo, mode 3" -- "$render" --mode asr "$work/stereo600.wav" "$work/out-o3.wav"
+measured 1 "120 s six-channel, mode 4 \`--two-channel\`" -- \
+    "$render" --mode headphone --two-channel "$work/six120.wav" "$work/out-o4.wav"
+measured 2 "120 s six-channel, mode 5 \`--two-channel\`" -- \
+    "$render" --mode encode --two-channel "$work/six120.wav" "$work/out-o5.wav"
+measured 3 "600 s stereo, mode 0 \`--two-channel\`" -- \
+    "$render" --mode bypass --two-channel "$work/stereo600.wav" "$work/out-o0.wav"
 short=() short_cpu=()
 for ((i = 0; i < pairs; ++i)); do
     settle
@@ -140,3 +171,10 @@ echo "|---|---|---|---|---|---|---|---|"
 printf '%s\n' "${rows[@]}"
 printf '| 1 s stereo, mode 3 | %.3f s | | | %.3f s | | | %s (< 0.15 s) |\n' "$short_median" "$short_cpu_median" \
     "$( (( $(calc "$short_median" "<" 0.15) )) && echo met || echo 'NOT met')"
+echo
+echo "Ours again without -q: the levels before the output conversion measured by a second engine, the"
+echo "input's and the output's levels, the summary printed; theirs as above."
+echo
+echo "| job, levels measured | ours | theirs | ratio | ours, processor | theirs, processor | ratio |"
+echo "|---|---|---|---|---|---|---|"
+printf '%s\n' "${measured_rows[@]}"

@@ -1,7 +1,8 @@
 // Whole writes through ConvertAndProcess, as the plug-in's Write runs them:
 // every mode on stereo and on six-channel 16-bit PCM at 44100 Hz, 576
 // frames a write, 16-bit output. Also the single worst write of a headphone
-// stream (the one that completes a convolver block), silence after signal
+// stream (the one that completes a convolver block), alone and with the
+// helper thread, silence after signal
 // against signal (filter memories decaying through the subnormal range),
 // and building the engine, cold and with the planner's wisdom at hand.
 #include <fftw3.h>
@@ -15,6 +16,7 @@
 #include "bench/bench_support.h"
 #include "engine/engine.h"
 #include "engine/pcm_conversion.h"
+#include "signal/block_helper.h"
 
 namespace {
 
@@ -41,11 +43,16 @@ void BM_SixChannelWrite(benchmark::State& state) { Write(state, 6, false); }
 
 // Only the write that completes a block is timed; the counters hold the
 // median, the 99th percentile and the slowest one seen. On a machine shared
-// with other work the slowest one mostly measures the scheduler.
+// with other work the slowest one mostly measures the scheduler. With
+// helper:1 a second thread takes SL and SR of each block, as in the plug-in
+// between Init and Quit.
 void HeadphoneWorstWrite(benchmark::State& state, uint32_t channels)
 {
     const ProcessorSettingsRecord settings = BenchSettings(4, false);
     Engine engine;
+    BlockHelper helper;
+    if (state.range(0) != 0 && StartBlockHelper(helper))
+        engine.Headphone.Helper = &helper;
     const StreamWords stream = {channels, 16, int32_t(kBenchRate), 16};
     const std::vector<int16_t> pcm = NoisePcm(kWriteFrames * channels);
     std::vector<double> times;
@@ -135,8 +142,8 @@ void BM_EngineConstruction(benchmark::State& state)
 BENCHMARK(BM_StereoWrite)->DenseRange(0, 5)->ArgName("mode");
 BENCHMARK(BM_StereoWriteBassRedirect)->DenseRange(1, 3)->ArgName("mode");
 BENCHMARK(BM_SixChannelWrite)->Arg(0)->Arg(4)->Arg(5)->ArgName("mode");
-BENCHMARK(BM_HeadphoneBlockWriteStereo)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_HeadphoneBlockWriteSixChannel)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_HeadphoneBlockWriteStereo)->Arg(0)->Arg(1)->ArgName("helper")->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_HeadphoneBlockWriteSixChannel)->Arg(0)->Arg(1)->ArgName("helper")->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SilenceAfterSignal)->Arg(0)->Arg(1)->ArgName("silent")->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EngineConstruction)->Arg(0)->ArgName("warm")->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_EngineConstruction)->Arg(1)->ArgName("warm")->Unit(benchmark::kMillisecond)->Iterations(20);

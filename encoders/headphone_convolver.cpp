@@ -113,15 +113,22 @@ void MultiplySpectra(const float* x, const float* a, float* out)
     }
 }
 
-// One whole block of collected input: transforms, products, overlap-add into
-// `ears` (16384 floats, ears interleaved).
-void ConvolveBlock(HeadphoneConvolver& convolver, float* ears)
+// The speakers of a block from `first` up to `last`: each one's forward
+// transform, its two products and their inverse transforms. A speaker
+// touches only its own input block and its own two product blocks, so
+// shares of speakers may run side by side.
+struct SpeakerShare {
+    HeadphoneConvolver* convolver;
+    int first;
+    int last;
+};
+
+void TransformSpeakers(const SpeakerShare& share)
 {
-    for (int s = 0; s < kSpeakers; ++s)
-        std::memset(convolver.InputBlock[s].data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
-    for (int s = 0; s < kSpeakers; ++s)
+    HeadphoneConvolver& convolver = *share.convolver;
+    for (int s = share.first; s < share.last; ++s)
         fftwf_execute(convolver.InputPlan[s]);
-    for (int s = 0; s < kSpeakers; ++s) {
+    for (int s = share.first; s < share.last; ++s) {
         const int p = 2 * s;
         const float* x = convolver.InputBlock[s].data;
         MultiplySpectra(x, convolver.ImpulseSpectrum[kRoutes[s].firstTable].data,
@@ -130,6 +137,31 @@ void ConvolveBlock(HeadphoneConvolver& convolver, float* ears)
                         convolver.ProductBlock[p + 1].data);
         fftwf_execute(convolver.ProductPlan[p]);
         fftwf_execute(convolver.ProductPlan[p + 1]);
+    }
+}
+
+void TransformSpeakersOnHelper(void* share)
+{
+    TransformSpeakers(*static_cast<const SpeakerShare*>(share));
+}
+
+// The helper's share of a block: SL and SR, six of the fifteen transforms;
+// the caller takes L, R and C meanwhile.
+constexpr int kFirstHelperSpeaker = 3;
+
+// One whole block of collected input: transforms, products, overlap-add into
+// `ears` (16384 floats, ears interleaved).
+void ConvolveBlock(HeadphoneConvolver& convolver, float* ears)
+{
+    for (int s = 0; s < kSpeakers; ++s)
+        std::memset(convolver.InputBlock[s].data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
+    if (convolver.Helper != nullptr) {
+        SpeakerShare helper_share{&convolver, kFirstHelperSpeaker, kSpeakers};
+        BeginOnHelper(*convolver.Helper, TransformSpeakersOnHelper, &helper_share);
+        TransformSpeakers(SpeakerShare{&convolver, 0, kFirstHelperSpeaker});
+        WaitForHelper(*convolver.Helper);
+    } else {
+        TransformSpeakers(SpeakerShare{&convolver, 0, kSpeakers});
     }
 
     const float* P[kProducts];

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "signal/block_helper.h"
 #include "signal/processor.h"
 #include "signal/sample_block.h"
 
@@ -29,6 +30,8 @@ struct HeadphoneConvolver {
     FftPlan ImpulsePlan = nullptr;   // overwritten for each of the six tables; the first five are never destroyed
     FftPlan InputPlan[5] = {};       // forward, one per InputBlock
     FftPlan ProductPlan[10] = {};    // inverse, one per ProductBlock
+
+    BlockHelper* Helper = nullptr;   // takes SL and SR of each block beside the caller; none: all on the caller
 };
 
 // Part of the engine's construction: transforms the six tables and makes the

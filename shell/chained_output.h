@@ -23,6 +23,9 @@ struct ChainedOutputRecord {
 //
 // The engine: built at library load, where every FFT plan is made.
 extern Engine PluginEngine;
+// Takes SL and SR of each headphone block beside the player's thread, from
+// Init to Quit, where threads can be started (not in the Windows DLL).
+extern BlockHelper PluginHelper;
 // The live settings: all zeros at library load, filled by LoadSettings at
 // Init; written by the dialog (interface thread), read by every write.
 extern ProcessorSettingsRecord ProcessorSettings;

@@ -27,6 +27,8 @@ LRESULT CALLBACK HostWindowHook(HWND window, UINT message, WPARAM wParam, LPARAM
 
 void Init()
 {
+    if (StartBlockHelper(PluginHelper))
+        PluginEngine.Headphone.Helper = &PluginHelper;
     ChainedOutput.Library = 0;  // forgotten, not released
     ChainedOutput.Reload_Needed = 1;
     LoadSettings(ProcessorSettings);
@@ -36,6 +38,8 @@ void Init()
 
 void Quit()
 {
+    PluginEngine.Headphone.Helper = nullptr;
+    StopBlockHelper(PluginHelper);
     EngineReset(PluginEngine);
     // Library keeps its old value, and the chained Quit is never called.
     if (ChainedOutput.Library != 0)

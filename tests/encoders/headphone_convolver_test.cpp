@@ -455,3 +455,54 @@ TEST(HeadphonePath, LongStereoNoiseIsDecodedThenMatchesADirectConvolution)
     EXPECT_EQ(run.outL.size(), 16384u);
     EXPECT_LT(WorstAgainstDirectConvolution(run), kFullScaleError);
 }
+
+// With a helper thread taking SL and SR of each block beside the caller,
+// every output float is the one the caller alone gives: the shares write
+// separate blocks, and the sums over the products wait for both. Twelve
+// blocks of noise in all five speakers, written in uneven lengths, through
+// two engines side by side, one of them helped; then the helper is stopped
+// and the same engine goes on alone.
+TEST(ConvolveHeadphone, AHelperThreadTakingSlAndSrGivesEveryFloatOfTheCallerAlone)
+{
+    Engine alone;
+    Engine helped;
+    BlockHelper helper;
+    ASSERT_TRUE(StartBlockHelper(helper));
+    helped.Headphone.Helper = &helper;
+
+    SampleBlock aloneFrames, helpedFrames;
+    uint32_t state = 20261122u;
+    const uint32_t lengths[] = {576, 8192, 1, 4000, 8191, 3000};
+    std::vector<float> input(8192 * kFrameFloats);
+    uint32_t blocks = 0;
+    for (int write = 0; blocks < 12; ++write) {
+        if (write == 16)
+            helped.Headphone.Helper = nullptr, StopBlockHelper(helper);
+        const uint32_t count = lengths[write % 6];
+        for (float& x : input) {
+            state = state * 1664525u + 1013904223u;
+            x = float(int32_t(state >> 8) - (1 << 23)) * (1.0f / 8388608.0f);
+        }
+        std::vector<float> outputs[2];
+        Engine* engines[2] = {&alone, &helped};
+        SampleBlock* frames[2] = {&aloneFrames, &helpedFrames};
+        for (int e = 0; e < 2; ++e) {
+            float* f = frames[e]->Resize(8192 * kFrameFloats, false);
+            std::memcpy(f, input.data(), std::size_t(count) * kFrameFloats * sizeof(float));
+            ProcessorBlock block{};
+            block.Mode = 4;
+            block.L = block.R = block.C = block.SL = block.SR = 1;
+            block.In_Channels = 6;
+            block.Sample_Rate = 44100;
+            block.Block = frames[e];
+            block.Frames = count;
+            ConvolveHeadphone(engines[e]->Headphone, block);
+            outputs[e].assign(frames[e]->data, frames[e]->data + std::size_t(block.Frames) * kFrameFloats);
+        }
+        ASSERT_EQ(outputs[0].size(), outputs[1].size()) << "write " << write;
+        ASSERT_EQ(std::memcmp(outputs[0].data(), outputs[1].data(), outputs[0].size() * sizeof(float)), 0)
+            << "write " << write;
+        blocks += uint32_t(outputs[0].size() / (kBlockFrames * kFrameFloats));
+    }
+    EXPECT_FALSE(helper.running);
+}
