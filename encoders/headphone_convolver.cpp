@@ -145,8 +145,9 @@ void TransformSpeakersOnHelper(void* share)
     TransformSpeakers(*static_cast<const SpeakerShare*>(share));
 }
 
-// The helper's share of a block: SL and SR, six of the fifteen transforms;
-// the caller takes L, R and C meanwhile.
+// The share offered to the helper: SL and SR, six of the fifteen
+// transforms; the caller takes L, R and C meanwhile, and SL and SR as well
+// when the helper has not woken by then.
 constexpr int kFirstHelperSpeaker = 3;
 
 // One whole block of collected input: transforms, products, overlap-add into
@@ -157,9 +158,9 @@ void ConvolveBlock(HeadphoneConvolver& convolver, float* ears)
         std::memset(convolver.InputBlock[s].data + kBlockFrames, 0, kPaddingFloats * sizeof(float));
     if (convolver.Helper != nullptr) {
         SpeakerShare helper_share{&convolver, kFirstHelperSpeaker, kSpeakers};
-        BeginOnHelper(*convolver.Helper, TransformSpeakersOnHelper, &helper_share);
+        OfferToHelper(*convolver.Helper, TransformSpeakersOnHelper, &helper_share);
         TransformSpeakers(SpeakerShare{&convolver, 0, kFirstHelperSpeaker});
-        WaitForHelper(*convolver.Helper);
+        FinishOffer(*convolver.Helper);
     } else {
         TransformSpeakers(SpeakerShare{&convolver, 0, kSpeakers});
     }

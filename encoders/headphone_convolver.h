@@ -31,7 +31,7 @@ struct HeadphoneConvolver {
     FftPlan InputPlan[5] = {};       // forward, one per InputBlock
     FftPlan ProductPlan[10] = {};    // inverse, one per ProductBlock
 
-    BlockHelper* Helper = nullptr;   // takes SL and SR of each block beside the caller; none: all on the caller
+    BlockHelper* Helper = nullptr;   // offered SL and SR of each block beside the caller; none: all on the caller
 };
 
 // Part of the engine's construction: transforms the six tables and makes the

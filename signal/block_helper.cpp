@@ -1,9 +1,25 @@
-// A second thread that takes a share of a block's work.
+// A second thread that may take a share of a block's work.
 #include "signal/block_helper.h"
 
 BlockHelper::~BlockHelper()
 {
     StopBlockHelper(*this);
+}
+
+void FinishOffer(BlockHelper& helper)
+{
+    int expected = BlockHelper::kOffered;
+    if (helper.state.compare_exchange_strong(expected, BlockHelper::kIdle, std::memory_order_acq_rel)) {
+        helper.work(helper.context);
+        return;
+    }
+    // Taken: the helper is on it and will not be long.
+    while (helper.state.load(std::memory_order_acquire) != BlockHelper::kDone) {
+#if !defined(_WIN32)
+        std::this_thread::yield();
+#endif
+    }
+    helper.state.store(BlockHelper::kIdle, std::memory_order_relaxed);
 }
 
 #if defined(_WIN32)
@@ -15,31 +31,35 @@ bool StartBlockHelper(BlockHelper&)
 
 void StopBlockHelper(BlockHelper&) {}
 
-void BeginOnHelper(BlockHelper&, HelperWork work, void* context)
+void OfferToHelper(BlockHelper& helper, HelperWork work, void* context)
 {
-    work(context);
+    helper.work = work;
+    helper.context = context;
+    helper.state.store(BlockHelper::kOffered, std::memory_order_release);
 }
-
-void WaitForHelper(BlockHelper&) {}
 
 #else
 
 namespace {
 
+// Wakes at each offer and takes it, unless the caller has taken it back
+// already (a late wake-up finds nothing, or a later offer, which is as good).
 void RunHelper(BlockHelper& helper)
 {
-    std::unique_lock<std::mutex> hold(helper.lock);
+    uint64_t seen = 0;
     for (;;) {
-        helper.wake.wait(hold, [&] { return helper.work != nullptr || helper.stopping; });
-        if (helper.work == nullptr)
-            return;
-        const HelperWork work = helper.work;
-        void* const context = helper.context;
-        hold.unlock();
-        work(context);
-        hold.lock();
-        helper.work = nullptr;
-        helper.done.notify_one();
+        {
+            std::unique_lock<std::mutex> hold(helper.lock);
+            helper.wake.wait(hold, [&] { return helper.offers != seen || helper.stopping; });
+            if (helper.stopping)
+                return;
+            seen = helper.offers;
+        }
+        int expected = BlockHelper::kOffered;
+        if (helper.state.compare_exchange_strong(expected, BlockHelper::kTaken, std::memory_order_acq_rel)) {
+            helper.work(helper.context);
+            helper.state.store(BlockHelper::kDone, std::memory_order_release);
+        }
     }
 }
 
@@ -50,7 +70,7 @@ bool StartBlockHelper(BlockHelper& helper)
     if (helper.running)
         return true;
     helper.stopping = false;
-    helper.work = nullptr;
+    helper.state.store(BlockHelper::kIdle, std::memory_order_relaxed);
     helper.worker = std::thread(RunHelper, std::ref(helper));
     helper.running = true;
     return true;
@@ -69,20 +89,16 @@ void StopBlockHelper(BlockHelper& helper)
     helper.running = false;
 }
 
-void BeginOnHelper(BlockHelper& helper, HelperWork work, void* context)
+void OfferToHelper(BlockHelper& helper, HelperWork work, void* context)
 {
+    helper.work = work;
+    helper.context = context;
     {
         std::lock_guard<std::mutex> hold(helper.lock);
-        helper.work = work;
-        helper.context = context;
+        ++helper.offers;
+        helper.state.store(BlockHelper::kOffered, std::memory_order_release);
     }
     helper.wake.notify_one();
-}
-
-void WaitForHelper(BlockHelper& helper)
-{
-    std::unique_lock<std::mutex> hold(helper.lock);
-    helper.done.wait(hold, [&] { return helper.work == nullptr; });
 }
 
 #endif

@@ -1,6 +1,9 @@
-// A second thread that takes a share of a block's work: the caller hands it
-// a piece of work, does its own share meanwhile, and waits for it before it
-// uses the results. The two shares must touch separate memory, so that each
+// A second thread that may take a share of a block's work: the caller offers
+// it a piece of work, does its own share meanwhile, and then finishes the
+// offer: if the helper has not taken the work by then, the caller does it
+// itself; if it has, the caller waits until it is done. So a block never
+// takes longer than on one thread by more than the hand-over, however late
+// the helper wakes. The two shares must touch separate memory, so that each
 // result is what it would be on one thread, bit for bit.
 //
 // Its owner starts it and stops it; whoever holds no helper, or one that
@@ -8,6 +11,9 @@
 // Windows DLL, whose player calls in on one thread and which starts none)
 // never start one.
 #pragma once
+
+#include <atomic>
+#include <cstdint>
 
 #if !defined(_WIN32)
 #include <condition_variable>
@@ -18,14 +24,18 @@
 using HelperWork = void (*)(void* context);
 
 struct BlockHelper {
+    // Where the work offered stands: none, offered, taken by the helper,
+    // done by it.
+    enum : int { kIdle, kOffered, kTaken, kDone };
+    std::atomic<int> state{kIdle};
+    HelperWork work = nullptr;     // the work offered; set before it is offered
+    void* context = nullptr;
 #if !defined(_WIN32)
     std::thread worker;
     std::mutex lock;
-    std::condition_variable wake;  // work was handed over, or the helper is to stop
-    std::condition_variable done;  // the work handed over is done
-    HelperWork work = nullptr;     // the work handed over and not done yet
-    void* context = nullptr;
-    bool stopping = false;
+    std::condition_variable wake;  // a new offer, or the helper is to stop
+    uint64_t offers = 0;           // offers made, under `lock`
+    bool stopping = false;         // under `lock`
 #endif
     bool running = false;
 
@@ -38,13 +48,13 @@ struct BlockHelper {
 // Starts the thread. False where threads cannot be started.
 bool StartBlockHelper(BlockHelper& helper);
 
-// Waits for work handed over, then ends the thread. Nothing happens to a
-// helper that is not running.
+// Ends the thread. Nothing happens to a helper that is not running. Every
+// offer must have been finished.
 void StopBlockHelper(BlockHelper& helper);
 
-// The helper starts `work(context)`; the caller must WaitForHelper before it
-// hands over more work or touches what the work writes.
-void BeginOnHelper(BlockHelper& helper, HelperWork work, void* context);
+// Offers `work(context)` to the helper and returns at once.
+void OfferToHelper(BlockHelper& helper, HelperWork work, void* context);
 
-// Returns once the work handed over is done.
-void WaitForHelper(BlockHelper& helper);
+// Returns once the work offered is done: by the helper, or, when it had not
+// taken it yet, by the caller now.
+void FinishOffer(BlockHelper& helper);
