@@ -92,6 +92,8 @@ void RunSteps(MeterThread& thread)
 
 void Queue(MeterThread& thread, MeterStep&& step)
 {
+    if (!thread.worker.joinable())
+        return;  // not started: nothing is measured
     std::unique_lock<std::mutex> hold(thread.lock);
     thread.room.wait(hold, [&] { return thread.steps.size() < kMostSteps; });
     thread.steps.push_back(std::move(step));
@@ -147,6 +149,8 @@ void QueueMeterRestart(MeterThread& thread, size_t input)
 
 void QueueMeterWrite(MeterThread& thread, const std::vector<uint8_t>& write, size_t input, uint64_t fed)
 {
+    if (!thread.worker.joinable())
+        return;
     MeterStep step{};
     step.kind = MeterStep::Kind::Write;
     step.input = input;

@@ -57,7 +57,8 @@ struct MeterThread {
 void StartMeterThread(MeterThread& thread, EngineMeter& meter, const std::vector<uint64_t>& offset,
                       const std::vector<uint64_t>& fed, std::vector<OverCounts>& processed, int processor_bits);
 
-// The steps, in the order the plug-in sees the same events.
+// The steps, in the order the plug-in sees the same events. A thread that
+// was never started takes none: the pass measures nothing.
 void QueueMeterOpen(MeterThread& thread, int rate, int channels, int bits);
 void QueueMeterReset(MeterThread& thread);
 void QueueMeterRestart(MeterThread& thread, size_t input);

@@ -300,7 +300,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
         module->Init();
         run.initialised = true;
     }
-    // Without the levels the meter is not built at all.
+    // Without the levels the meter is not built, nor its thread started,
+    // and the steps queued for it go nowhere.
     const bool measure = request.measure;
     MeterThread metering;
     if (measure) {
@@ -330,8 +331,7 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
                 return false;
             }
         }
-        if (measure)
-            QueueMeterWrite(metering, block, current, record.fed[current]);
+        QueueMeterWrite(metering, block, current, record.fed[current]);
         return true;
     };
 
@@ -358,8 +358,7 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             }
             segment = i;
             stream_frames = 0;
-            if (measure)
-                QueueMeterRestart(metering, i);
+            QueueMeterRestart(metering, i);
         }
         if (with_plugin) {
             ReportTrace("Open " + std::to_string(source.rate) + " Hz, " + std::to_string(source.channels) +
@@ -372,8 +371,7 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
             module->SetVolume(kFullVolume);
             module->SetPan(kCentrePan);
         }
-        if (measure)
-            QueueMeterOpen(metering, source.rate, source.channels, source.bits);
+        QueueMeterOpen(metering, source.rate, source.channels, source.bits);
 
         const int frame_bytes = source.channels * source.bits / 8;
         record.segment[i] = segment;
@@ -431,8 +429,7 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
                 ReportTrace("Stop (the processor resets at Close)");
                 SendHostCommand(*context.session, host::kCommandStop);
             }
-            if (measure)
-                QueueMeterReset(metering);
+            QueueMeterReset(metering);
         }
         if (with_plugin) {
             ReportTrace("Close");
@@ -445,10 +442,8 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
         module->Quit();
         run.initialised = false;
     }
-    if (measure) {
-        QueueMeterReset(metering);
-        FinishMeterThread(metering);
-    }
+    QueueMeterReset(metering);
+    FinishMeterThread(metering);
     return true;
 }
 
