@@ -278,6 +278,8 @@ void KeepFirst(char* to, const char* from, size_t length, size_t frame)
 // takes less.
 bool WriteFrames(const char* bytes, size_t length)
 {
+    if (length == 0)
+        return true;  // an empty write, whose buffer may be null
     const size_t frame = static_cast<size_t>(Writer.frame_bytes);
     const size_t kept = static_cast<size_t>(Writer.kept_bytes);
     std::vector<char>& gathered = Writer.gathered;
