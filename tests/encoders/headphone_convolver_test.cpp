@@ -500,9 +500,10 @@ TEST(ConvolveHeadphone, AHelperThreadTakingSlAndSrGivesEveryFloatOfTheCallerAlon
             outputs[e].assign(frames[e]->data, frames[e]->data + std::size_t(block.Frames) * kFrameFloats);
         }
         ASSERT_EQ(outputs[0].size(), outputs[1].size()) << "write " << write;
-        if (!outputs[0].empty())
+        if (!outputs[0].empty()) {
             ASSERT_EQ(std::memcmp(outputs[0].data(), outputs[1].data(), outputs[0].size() * sizeof(float)), 0)
                 << "write " << write;
+        }
         blocks += uint32_t(outputs[0].size() / (kBlockFrames * kFrameFloats));
     }
     EXPECT_FALSE(helper.running);
