@@ -19,6 +19,7 @@
 #include "signal/block_math.h"
 #include "signal/frame.h"
 #include "signal/gain.h"
+#include "signal/lanes.h"
 
 namespace {
 
@@ -52,9 +53,8 @@ inline float SteerExp(float t)
     return float(std::exp(SteerExpArgument(t)));
 }
 
-// Four frames side by side, in the vector unit; every lane follows the
-// operations of one frame in its order.
-typedef float Floats __attribute__((vector_size(16)));
+// Four frames side by side, in the vector unit (Floats); every lane follows
+// the operations of one frame in its order.
 constexpr uint32_t kLanes = 4;
 
 template <class T>

@@ -12,6 +12,7 @@
 
 #include "signal/block_math.h"
 #include "signal/frame.h"
+#include "signal/lanes.h"
 
 // Every function that takes or returns a wide vector is inlined into its
 // caller, so the calling convention of wide vectors, which differs between
@@ -87,9 +88,8 @@ namespace {
 // stack for their logarithms.
 constexpr uint32_t kDetectFrames = 256;
 
-// Four frames side by side in the vector unit, each lane in the order of
-// operations of RatioOf.
-typedef float Floats __attribute__((vector_size(16)));
+// Four frames side by side in the vector unit (Floats), each lane in the
+// order of operations of RatioOf.
 typedef double Doubles __attribute__((vector_size(32)));
 constexpr uint32_t kLanes = 4;
 

@@ -20,6 +20,7 @@
 
 #include "encoders/impulse_tables.h"
 #include "signal/frame.h"
+#include "signal/lanes.h"
 
 static_assert(std::is_same_v<fftwf_plan, FftPlan>, "the engine holds FFTW's own plan handles");
 
@@ -70,22 +71,6 @@ void Collect(HeadphoneConvolver& convolver, const ProcessorBlock& block, const f
     for (uint32_t m = 0; m < count; ++m, f += kFrameFloats)
         for (int s = 0; s < kSpeakers; ++s)
             inputs[s][m] = float(switches[s]) * f[kRoutes[s].slot];
-}
-
-// Four floats, or two complex bins, side by side in the vector unit; every
-// lane keeps the operations of the scalar form in their order.
-typedef float Floats __attribute__((vector_size(16)));
-
-inline Floats LoadFloats(const float* p)
-{
-    Floats v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-inline void StoreFloats(float* p, Floats v)
-{
-    std::memcpy(p, &v, sizeof v);
 }
 
 // Plain complex product of a spectrum with a table's spectrum, all bins:

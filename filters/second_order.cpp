@@ -12,6 +12,7 @@
 #include <cstddef>
 
 #include "signal/frame.h"
+#include "signal/lanes.h"
 
 namespace {
 
@@ -59,7 +60,6 @@ namespace {
 
 // Four sections in the four lanes of one vector: every lane keeps its own
 // memory and the scalar order of operations.
-typedef float Floats __attribute__((vector_size(16)));
 struct LaneMemory {
     Floats x1, x2, y1, y2;
 };

@@ -5,10 +5,10 @@
 #include <climits>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <limits>
 
 #include "hosts/render/engine_meter.h"
+#include "signal/lanes.h"
 
 void InitLevels(ChannelLevels& levels, int channels, uint32_t window_frames)
 {
@@ -194,18 +194,6 @@ FloatLimits FloatLimitsOf(int bits)
 inline float LargerMagnitude(float largest, float magnitude)
 {
     return magnitude > largest || magnitude != magnitude ? magnitude : largest;
-}
-
-// Four floats side by side in the vector unit, and the masks that their
-// comparisons give (all ones where true).
-typedef float Floats __attribute__((vector_size(16)));
-typedef int32_t Masks __attribute__((vector_size(16)));
-
-inline Floats LoadFloats(const float* p)
-{
-    Floats v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
 }
 
 // The magnitude of each lane: the sign bit cleared, as fabs does.

@@ -38,16 +38,12 @@
 #include <sndfile.h>
 
 #include "hosts/out_module_host.h"
+#include "hosts/render/out_wav_key.h"
 #include "hosts/render/speaker_map.h"
 #include "platform/posix/reg_file.h"
 
 namespace {
 
-constexpr const char* kMakerName = "Morrowfen";
-constexpr const char* kKeyName = "OutWav";
-constexpr const char* kOutFileValue = "Out_File";
-constexpr const char* kOutChannelsValue = "Out_Channels";
-constexpr const char* kOutFormatValue = "Out_Format";
 constexpr const char* kDefaultFileName = "out_wav.wav";
 constexpr const char* kCaption = "WAV Writer";
 constexpr int kOwnModuleId = 0x57415601;
@@ -95,7 +91,7 @@ std::string DefaultOutFile()
 std::vector<RegValue> ConfiguredValues()
 {
     std::vector<RegValue> values;
-    ReadRegKey(RegStoreFile(kMakerName, kKeyName), RegKeyPath(kMakerName, kKeyName), values);
+    ReadRegKey(RegStoreFile(kOutWavMakerName, kOutWavKeyName), RegKeyPath(kOutWavMakerName, kOutWavKeyName), values);
     return values;
 }
 
@@ -204,7 +200,7 @@ int Subtype(int bits)
 
 void Config(host::HWND)
 {
-    ShowMessage("writes to " + ConfiguredOutFile(ConfiguredValues()) + " (value Out_File in " + RegStoreFile(kMakerName, kKeyName) + ")");
+    ShowMessage("writes to " + ConfiguredOutFile(ConfiguredValues()) + " (value Out_File in " + RegStoreFile(kOutWavMakerName, kOutWavKeyName) + ")");
 }
 
 void About(host::HWND)

@@ -186,17 +186,16 @@ inline int32_t WordValue(const uint8_t* at)
                                     uint32_t{at[3]} << 24);
 }
 
-// The largest magnitude and, if wanted, the mean square of each frame of
-// `frames` frames of the words in `bytes` (full scale 1.0): the same sums,
-// in the same order, as the exact path makes from libsndfile's integers.
+// The largest magnitude and the mean square of each frame of `frames`
+// frames of the words in `bytes` (full scale 1.0), each frame's squares
+// summed in channel order.
 template <int Bits>
-void MeasureWordsOf(PcmSource& source, const uint8_t* bytes, size_t frames, std::vector<double>* frame_power)
+void MeasureWordsOf(PcmSource& source, const uint8_t* bytes, size_t frames, std::vector<double>& frame_power)
 {
     const int channels = source.channels;
     // A power of two: the product by its reciprocal is the quotient.
     constexpr double kStep = 1.0 / static_cast<double>(int64_t{1} << (Bits - 1));
-    if (frame_power != nullptr)
-        frame_power->resize(frames);
+    frame_power.resize(frames);
     double peak = source.peak;
     for (size_t i = 0; i < frames; ++i) {
         double power = 0.0;
@@ -205,13 +204,12 @@ void MeasureWordsOf(PcmSource& source, const uint8_t* bytes, size_t frames, std:
             power += level * level;
             peak = std::max(peak, std::fabs(level));
         }
-        if (frame_power != nullptr)
-            (*frame_power)[i] = power / channels;
+        frame_power[i] = power / channels;
     }
     source.peak = peak;
 }
 
-void MeasureWords(PcmSource& source, const uint8_t* bytes, size_t frames, std::vector<double>* frame_power)
+void MeasureWords(PcmSource& source, const uint8_t* bytes, size_t frames, std::vector<double>& frame_power)
 {
     switch (source.bits) {
     case 8: MeasureWordsOf<8>(source, bytes, frames, frame_power); break;
@@ -267,7 +265,7 @@ int64_t ReadRaw(PcmSource& source, int frames, std::vector<uint8_t>& bytes, std:
     const size_t got = bytes.size() / frame_bytes;
     // The levels only where they are measured (--normalize among them).
     if (frame_power != nullptr)
-        MeasureWords(source, bytes.data(), got, frame_power);
+        MeasureWords(source, bytes.data(), got, *frame_power);
     source.frames_read += got;
     source.frames_fed += got;
     return static_cast<int64_t>(got);
@@ -283,7 +281,7 @@ void FinishReadAhead(PcmSource& source)
 }
 
 // The exact path: the file's words, as they are (a mono file fed as stereo
-// gets each word twice).
+// gets each word twice), measured as the raw path measures them.
 int64_t ReadExact(PcmSource& source, int frames, std::vector<uint8_t>& bytes, std::vector<double>* frame_power)
 {
     const int file_channels = source.file_channels;
@@ -294,51 +292,17 @@ int64_t ReadExact(PcmSource& source, int frames, std::vector<uint8_t>& bytes, st
     if (got < 0 || sf_error(source.file) != SF_ERR_NO_ERROR)
         return -1;
     bytes.resize(static_cast<size_t>(got) * channels * sample_bytes);
+    uint8_t* out = bytes.data();
+    for (sf_count_t i = 0; i < got; ++i)
+        for (int c = 0; c < channels; ++c, out += sample_bytes) {
+            // libsndfile hands integers left-aligned in 32 bits; the
+            // source's own bits are the top ones.
+            const int32_t word = source.ints[static_cast<size_t>(i * file_channels + std::min(c, file_channels - 1))];
+            StorePcmSample(out, source.bits, word >> (32 - source.bits));
+        }
+    // The levels only where they are measured (--normalize among them).
     if (frame_power != nullptr)
-        frame_power->assign(static_cast<size_t>(got), 0.0);
-    // A power of two: the product by its reciprocal is the quotient.
-    constexpr double kStep = 1.0 / kInt32FullScale;
-    double peak = source.peak;
-    if (channels == 2 && file_channels == 2 && source.bits == 16) {
-        // The common stereo file of 16 bits, with the same sums; the largest
-        // magnitude kept per channel (a maximum is the same in any order).
-        double peaks[2] = {peak, peak};
-        const int32_t* in = source.ints.data();
-        uint8_t* out = bytes.data();
-        for (sf_count_t i = 0; i < got; ++i, in += 2, out += 4) {
-            const double left = in[0] * kStep;
-            const double right = in[1] * kStep;
-            const uint32_t left_word = static_cast<uint32_t>(in[0]) >> 16;
-            const uint32_t right_word = static_cast<uint32_t>(in[1]) >> 16;
-            out[0] = static_cast<uint8_t>(left_word);
-            out[1] = static_cast<uint8_t>(left_word >> 8);
-            out[2] = static_cast<uint8_t>(right_word);
-            out[3] = static_cast<uint8_t>(right_word >> 8);
-            peaks[0] = std::max(peaks[0], std::fabs(left));
-            peaks[1] = std::max(peaks[1], std::fabs(right));
-            if (frame_power != nullptr)
-                (*frame_power)[static_cast<size_t>(i)] = (0.0 + left * left + right * right) / 2;
-        }
-        peak = std::max(peaks[0], peaks[1]);
-    } else {
-        for (sf_count_t i = 0; i < got; ++i) {
-            double power = 0.0;
-            for (int c = 0; c < channels; ++c) {
-                // libsndfile hands integers left-aligned in 32 bits; the
-                // source's own bits are the top ones.
-                const int32_t word =
-                    source.ints[static_cast<size_t>(i * file_channels + std::min(c, file_channels - 1))];
-                const int32_t value = word >> (32 - source.bits);
-                const double level = word * kStep;
-                StorePcmSample(&bytes[static_cast<size_t>((i * channels + c) * sample_bytes)], source.bits, value);
-                power += level * level;
-                peak = std::max(peak, std::fabs(level));
-            }
-            if (frame_power != nullptr)
-                (*frame_power)[static_cast<size_t>(i)] = power / channels;
-        }
-    }
-    source.peak = peak;
+        MeasureWords(source, bytes.data(), static_cast<size_t>(got), *frame_power);
     source.frames_read += static_cast<uint64_t>(got);
     source.frames_fed += static_cast<uint64_t>(got);
     if (got == 0)

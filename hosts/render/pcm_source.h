@@ -100,8 +100,8 @@ bool RewindPcmSource(PcmSource& source, std::string& error);
 // Reads up to `frames` frames of PCM ready for the plug-in into `bytes`. The
 // result is the number of frames, 0 at the end, or -1 on a read error.
 // `frame_power`, if given, receives the mean square over the channels of
-// each frame handed on (full scale 1.0); the largest magnitude handed on
-// (`peak`) is kept up to date at least whenever it is given.
+// each frame handed on (full scale 1.0), and the largest magnitude handed on
+// (`peak`) is kept up to date; without it neither is measured.
 int64_t ReadPcmBlock(PcmSource& source, int frames, std::vector<uint8_t>& bytes, std::vector<double>* frame_power);
 
 // Stores one sample `value` (already at the depth) as a plug-in expects it.

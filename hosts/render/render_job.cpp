@@ -11,6 +11,7 @@
 #include "hosts/render/engine_meter.h"
 #include "hosts/render/messages.h"
 #include "hosts/render/meter_thread.h"
+#include "hosts/render/out_wav_key.h"
 #include "hosts/render/pcm_source.h"
 #include "hosts/render/report.h"
 #include "hosts/render/resampler.h"
@@ -340,14 +341,14 @@ bool RunPass(const RenderRequest& request, RenderContext& context, RunResources&
         if (with_plugin) {
             const PiecePlan& piece = piece_plans[i];
             std::vector<RegValue> writer;
-            SetRegString(writer, "Out_File", piece.path);
+            SetRegString(writer, kOutFileValue, piece.path);
             // Only what the outputs keep goes into the pieces.
             if (request.two_channel)
-                SetRegDword(writer, "Out_Channels", 2);
+                SetRegDword(writer, kOutChannelsValue, 2);
             if (piece.format != 0)
-                SetRegDword(writer, "Out_Format", static_cast<uint32_t>(piece.format));
-            if (!WriteRegKey(context.work_folder + "/" + kMakerKeyName + "/OutWav.reg",
-                             RegKeyPath(kMakerKeyName, "OutWav"), writer, error))
+                SetRegDword(writer, kOutFormatValue, static_cast<uint32_t>(piece.format));
+            if (!WriteRegKey(context.work_folder + "/" + kOutWavMakerName + "/" + kOutWavKeyName + ".reg",
+                             RegKeyPath(kOutWavMakerName, kOutWavKeyName), writer, error))
                 return false;
             run.pieces.push_back(piece.path);
         }
@@ -615,7 +616,8 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
         longest += source.frames > 0 ? static_cast<double>(source.frames) / source.file_rate : 0.0;
     const double window_seconds = std::max(kShortestWindowSeconds, longest / kReportColumns);
 
-    // The outputs that out_wav writes itself, and the pieces of the others.
+    // The outputs that out_wav writes itself, and the pieces of the others,
+    // which hold the channels that the outputs keep.
     const int processor_channels = request.two_channel ? 2 : static_cast<int>(kFrameFloats);
     std::vector<PiecePlan> piece_plans(run.sources.size());
     for (size_t i = 0; i < run.sources.size(); ++i)
@@ -641,9 +643,8 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
             return false;
         double largest = 0.0;
         double input_peak = 0.0;
-        const int keep = request.two_channel ? 2 : static_cast<int>(kFrameFloats);
         for (size_t i = 0; i < run.sources.size(); ++i) {
-            for (int c = 0; c < keep; ++c)
+            for (int c = 0; c < processor_channels; ++c)
                 largest = std::max(largest, record.processed[i].peak[c]);
             input_peak = std::max(input_peak, run.sources[i].peak);
         }
@@ -747,8 +748,7 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
         result.dithered = request.dither && !plan.word.floating && (plan.word.bits < processor_bits || any_resampled);
         const uint64_t data_bytes = result.frames * static_cast<uint64_t>(keep_channels * WordBytes(plan.word));
         result.format = direct[p] != 0 ? direct[p] : SoundFileFormat(plan.container, plan.word, keep_channels, data_bytes);
-        // A file written straight is finished; it is only read for its levels.
-        const bool write = direct[p] == 0;
+        const bool write = direct[p] == 0;  // not written straight
         if (write && (!PrepareTarget(plan.target, context.work_folder, error) ||
                       !OpenSoundWriter(plan.target.temporary, result.format, result.rate, keep_channels, plan.word,
                                        result.dithered, run.writer, error))) {
@@ -756,9 +756,13 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
                 error = "cannot write " + plan.target.given + ": " + error;
             return false;
         }
+        // A file written straight is finished, and read back only for its
+        // levels.
+        if (!write && !request.measure) {
+            summary.outputs.push_back(result);
+            continue;
+        }
         for (size_t input : plan.inputs) {
-            if (!write && !request.measure)
-                break;
             const PcmSource& source = run.sources[input];
             ReportFile& file = report_files[input];
             file.name = request.input_names[input];
@@ -818,11 +822,13 @@ bool RunRender(RenderRequest& request, RenderContext& context, RenderSummary& su
                     return false;
             }
         }
-        for (int c = 0; c < keep_channels && write; ++c)
-            result.overs[c] += run.writer.overs[static_cast<size_t>(c)];
-        if (write && !CloseSoundWriter(run.writer, error)) {
-            error = "cannot write " + plan.target.given + ": " + error;
-            return false;
+        if (write) {
+            for (int c = 0; c < keep_channels; ++c)
+                result.overs[c] += run.writer.overs[static_cast<size_t>(c)];
+            if (!CloseSoundWriter(run.writer, error)) {
+                error = "cannot write " + plan.target.given + ": " + error;
+                return false;
+            }
         }
         summary.outputs.push_back(result);
     }
